@@ -19,7 +19,7 @@ set(cxx $<COMPILE_LANGUAGE:CXX>)
 
 add_library(memm_flags INTERFACE)
 target_compile_options(memm_flags INTERFACE
-    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wundef -Wvla -Wformat=2 -Wno-format-nonliteral -Wcast-qual
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wundef -Wvla -Wcast-qual
     $<${clang}:-Wno-sign-conversion>  # as g++, which leaves it out of -Wconversion
     $<${cxx}:-Wold-style-cast> $<${cxx}:-Wnon-virtual-dtor>)
 target_compile_definitions(memm_flags INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
@@ -32,6 +32,7 @@ endif()
 add_library(memm_library_flags INTERFACE)
 target_link_libraries(memm_library_flags INTERFACE memm_flags)
 target_compile_options(memm_library_flags INTERFACE
+    -Wformat=2 -Wno-format-nonliteral
     -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden -fvisibility-inlines-hidden
     -ffp-contract=off)  # a fused multiply-add would print other last digits on targets that have it
 if(MEMM_SANITIZE MATCHES undefined)
