@@ -1,0 +1,52 @@
+#pragma once
+
+#include "platform/default_lock.h"
+
+#include <memmanager/platform.h>
+
+namespace memm {
+
+// Proof that the calling task holds the manager lock; empty, a register at most.
+class Held {
+    friend class ManagerLock;
+    constexpr Held() noexcept = default;
+
+public:
+    static constexpr Held by_caller() noexcept { return {}; }  // for *_nolock functions and pool callbacks only
+};
+
+// Where start-up has found that the application left P and V alone, the lock behind them is entered directly. Otherwise
+// it is entered as well, inside of the application's: it is what signal handlers look at.
+class ManagerLock {
+    static inline constinit std::atomic<bool> direct_{false};
+
+public:
+    [[nodiscard]] explicit ManagerLock(const char *tag) noexcept { enter(tag); }
+    ~ManagerLock() { leave(); }
+    ManagerLock(const ManagerLock &) = delete;
+    ManagerLock &operator=(const ManagerLock &) = delete;
+    Held held() const noexcept { return {}; }
+
+    static void enter(const char *tag) noexcept
+    {
+        if (!direct_.load(std::memory_order_relaxed)) [[unlikely]] {
+            P(tag);
+        }
+        default_lock.enter();
+    }
+
+    static void leave() noexcept
+    {
+        // Read first: whoever waits for the lock may be start-up itself.
+        const bool direct = direct_.load(std::memory_order_relaxed);
+        default_lock.leave();
+        if (!direct) [[unlikely]] {
+            V();
+        }
+    }
+
+    // Start-up: find out whose lock it is. The answer never changes afterwards.
+    static bool recognise() noexcept;
+};
+
+}  // namespace memm

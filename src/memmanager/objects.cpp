@@ -1,0 +1,251 @@
+#include "memmanager/depletion.h"
+#include "memmanager/pool.h"
+#include "memmanager/trace.h"
+
+#include "base/format.h"
+#include "platform/probe.h"
+
+#include <memmanager/platform.h>
+
+namespace memm {
+
+void *allocate(Held held, PoolId id) noexcept
+{
+    Pool *const pool = registry.find(id);
+    if (pool == nullptr) {
+        return nullptr;
+    }
+    void *object = take_slot(held, id, Reserve::closed);
+    // Deliberate: a callback that promises free slots is believed, however often.
+    for (int attempt = 0; object == nullptr; ++attempt) {
+        const memm_pooloptions &options = pool->options;
+        if (options.gc_cb == nullptr ||
+            options.gc_cb(options.cookie, attempt, static_cast<int>(pool->slot_size)) == 0) {
+            report_depletion(held, *pool);
+            return nullptr;
+        }
+        object = take_slot(held, id, Reserve::closed);
+    }
+    return object;
+}
+
+void *allocate_without_gc(Held held, PoolId id) noexcept
+{
+    Pool *const pool = registry.find(id);
+    if (pool == nullptr) {
+        return nullptr;
+    }
+    void *object = take_slot(held, id, Reserve::open);
+    if (object == nullptr) {
+        report_depletion(held, *pool);
+    }
+    return object;
+}
+
+namespace {
+
+void *refuse_reference(const char *reason) noexcept
+{
+    char message[80];
+    format_to(message, sizeof message, "memm__refalloc() failed (%s)", reason);
+    err_printf(MEMM_E_NO_MEMORY, 2, "memm", "memmanager", __LINE__, message);
+    return nullptr;
+}
+
+// The object may lie outside of all pools, where its header may be anything.
+bool write_header(void *object, ObjectHeader header) noexcept
+{
+    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(object) - kHeaderBytes;
+    if (address % alignof(u32) == 0 && registry.around(address) != nullptr) [[likely]] {
+        header.write_to(slot_of(object));
+        return true;
+    }
+    return write_word(address, header.word());
+}
+
+}  // namespace
+
+// Deliberate: the count is written before it is judged, so a refused reference leaves 255, and the one after wraps to
+// 0.
+void *add_reference(Held, void *object) noexcept
+{
+    if (object == nullptr) {
+        return nullptr;
+    }
+    const ObjectHeader header = header_of(object);
+    Pool *const pool = registry.find(header.pool());
+    const u32 refs = header.extra_refs() + 1;
+    if (pool == nullptr || !write_header(object, header.with_extra_refs(refs))) {
+        return refuse_reference("invalid object passed");
+    }
+    if (refs >= ObjectHeader::kMaxExtraRefs) {
+        return refuse_reference("too many references for this object");
+    }
+    raise_to(pool->max_refs, add(pool->refs, 1));
+    // In pool 0 this word keeps the highest count of any object.
+    if (unsigned &highest = registry.at(0).max_refs; static_cast<int>(load(highest)) < static_cast<int>(refs)) {
+        store(highest, refs);
+    }
+    return object;
+}
+
+namespace {
+
+// The pool whose slot this is, when it may be released; else null. Descriptors cannot be released.
+Pool *releasable(const void *object) noexcept
+{
+    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(object) - kHeaderBytes;
+    Pool *const pool = registry.around(address);
+    if (pool == nullptr) {
+        return nullptr;
+    }
+    const auto *slot = reinterpret_cast<const unsigned char *>(address);
+    const PoolId id = id_of(*pool);
+    return slot <= pool->last_used && registry.aid(id).is_slot(*pool, slot) &&
+                   ObjectHeader::of_slot(slot).pool() == id && id != PoolId::descriptors
+               ? pool
+               : nullptr;
+}
+
+// Addresses in these texts have eight digits at least, and more where a pointer needs them.
+void trace_release(const char *text, const unsigned char *slot, PoolId id) noexcept
+{
+    if (is_traced(1)) {
+        trc_def_printf(text, reinterpret_cast<unsigned long>(slot), static_cast<int>(to_index(id)));
+    }
+}
+
+enum class Verdict { free_slot, kept, refused };
+
+Verdict ask_callback(const Pool &pool, void *object) noexcept
+{
+    const memm_pooloptions &options = pool.options;
+    if (options.release2_cb != nullptr) {
+        if (options.release2_cb(object, memm_free_nolock) == 0) {
+            return Verdict::free_slot;
+        }
+        trace_release("[MEMM] memm_free: free2_ex failed for: 0x%08lx (poolid = %d)\r\n", slot_of(object), id_of(pool));
+        return Verdict::refused;
+    }
+    if (options.release_cb == nullptr) {
+        return Verdict::free_slot;
+    }
+    switch (options.release_cb(object)) {
+    case MEMM_OK:
+        return Verdict::free_slot;
+    case MEMM_KEPT:
+        return Verdict::kept;
+    default:
+        break;
+    }
+    trace_release("[MEMM] memm_free: free_ex failed for: 0x%08lx (poolid = %d)\r\n", slot_of(object), id_of(pool));
+    return Verdict::refused;
+}
+
+}  // namespace
+
+Result release(Held held, void *object) noexcept
+{
+    if (reinterpret_cast<std::uintptr_t>(object) == 0 || reinterpret_cast<std::uintptr_t>(object) == kHeaderBytes) {
+        return Result::ok;
+    }
+    unsigned char *const slot = slot_of(object);
+    Pool *const pool = releasable(object);
+    if (pool == nullptr) {
+        trace_release("[MEMM] memm_free: Attempt to release invalid pointer: 0x%08lx (poolid = %d)\r\n", slot,
+                      header_of(object).pool());
+        return Result::ok;
+    }
+    const ObjectHeader header = ObjectHeader::of_slot(slot);
+    if (header.extra_refs() != 0) {
+        header.with_extra_refs(header.extra_refs() - 1).write_to(slot);
+        add(pool->refs, -1U);
+        add(pool->free_count, 1);
+        return Result::ok;
+    }
+    switch (ask_callback(*pool, object)) {
+    case Verdict::kept:
+        return Result::ok;
+    case Verdict::refused:
+        return Result::setup;
+    case Verdict::free_slot:
+        break;
+    }
+    // Deliberate: reported, and the slot is freed again all the same.
+    if (!ObjectHeader::of_slot(slot).in_use()) {
+        trace_release("[MEMM] memm_free: Recursive release detected: 0x%08lx (poolid = %d)\r\n", slot, header.pool());
+    }
+    return_slot(held, *pool, slot);
+    add(pool->free_count, 1);
+    return Result::ok;
+}
+
+}  // namespace memm
+
+using namespace memm;
+
+extern "C" {
+
+void *memm_calloc(unsigned poolid)
+{
+    const ManagerLock lock("memm_calloc");
+    return allocate(lock.held(), PoolId{poolid});
+}
+
+void *memm_calloc_nolock(unsigned poolid)
+{
+    const BusyTask busy;
+    return allocate(Held::by_caller(), PoolId{poolid});
+}
+
+void *memm_calloc_nolock_nogc(unsigned poolid)
+{
+    const BusyTask busy;
+    return allocate_without_gc(Held::by_caller(), PoolId{poolid});
+}
+
+void *memm_refalloc(void *obj)
+{
+    const ManagerLock lock("memm_refalloc");
+    return add_reference(lock.held(), obj);
+}
+
+void *memm_refalloc_nolock(void *obj)
+{
+    const BusyTask busy;
+    return add_reference(Held::by_caller(), obj);
+}
+
+int memm_free(void *obj)
+{
+    const ManagerLock lock("memm_free");
+    return to_int(release(lock.held(), obj));
+}
+
+int memm_free_nolock(void *obj)
+{
+    const BusyTask busy;
+    return to_int(release(Held::by_caller(), obj));
+}
+
+int memm_ex_free(void **pobj)
+{
+    if (pobj == nullptr) {
+        return MEMM_OK;
+    }
+    const int result = memm_free(*pobj);
+    memm_removeFromAllocateList(pobj);
+    return result;
+}
+
+// Hooks for tools that track allocations; they do nothing here.
+void memm_addToAllocateList(void * /*slot*/, ...) {}
+
+void memm_removeFromAllocateList(void * /*slot*/) {}
+
+int memm_instanceof_no_ori(const void *obj, unsigned poolid)
+{
+    const PoolId id = obj == nullptr ? PoolId::invalid : header_of(obj).pool();
+    return id == PoolId{poolid} ? 1 : 0;
+}
+}

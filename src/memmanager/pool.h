@@ -1,0 +1,183 @@
+#pragma once
+
+#include "base/ids.h"
+#include "base/result.h"
+#include "base/shared_word.h"
+#include "memmanager/divisor.h"
+#include "memmanager/header.h"
+#include "memmanager/manager_lock.h"
+#include "memmanager/slot_index.h"
+
+#include <memmanager/memmanager.h>
+
+#include <cstddef>
+#include <cstdint>
+
+// A pool is one array of equal slots, each a header word and an object; its descriptor is an object of pool 0, whose
+// slot array is the pool table:
+//
+//     slots        first_free          last_used        last_normal       last_item
+//     |used|used|...|free|used|....|used|free|free|......|free|spare|......|spare|
+//
+// Every slot below first_free is in use, none above last_used is. Slots above last_normal are kept back from ordinary
+// allocation. A pool whose slot array could not be had keeps its descriptor; all its pointers are null.
+//
+// The manager lock guards everything here. What getters read without it (see shared_word.h) is written once, or is a
+// number that is right before and after.
+namespace memm {
+
+using Pool = memm_pool;
+
+// In bytes, header included: objects are aligned as a machine word is.
+constexpr u64 slot_bytes(u64 object_size) noexcept { return round_up(object_size + kHeaderBytes, sizeof(memm_word)); }
+
+// A slot array begins with a header, and the object behind it is aligned: on a 64-bit target the array begins four
+// bytes into its block.
+inline constexpr unsigned kBlockLead = sizeof(memm_word) - kHeaderBytes;
+
+inline constexpr u32 kDescriptorBytes = static_cast<u32>(slot_bytes(sizeof(Pool)));
+
+static_assert(sizeof(void *) != 4 ||
+              (sizeof(Pool) == 172 && sizeof(memm_pooloptions) == 32 && kDescriptorBytes == 176));
+static_assert(sizeof(void *) != 4 || offsetof(Pool, options) == 140);
+
+inline constexpr u32 kDepleted = 0x80000000U;  // in Pool::flags
+
+// What the manager knows of a pool beside the public descriptor.
+struct PoolAid {
+    SlotIndex *index = nullptr;  // null: search slot by slot
+    Divisor slot_size;
+
+    u32 number_of(const Pool &pool, const unsigned char *slot) const noexcept
+    {
+        return slot_size.quotient(static_cast<u32>(slot - load(pool.slots)));
+    }
+    bool is_slot(const Pool &pool, const unsigned char *address) const noexcept
+    {
+        return slot_size.divides(static_cast<u32>(address - load(pool.slots)));
+    }
+};
+
+class Registry {
+    unsigned char *table_ = nullptr;  // null until memm_init has succeeded in getting it
+    PoolAid *aids_ = nullptr;         // by pool id
+    u32 *by_address_ = nullptr;       // ids of the pools that have slots, in the order of their slot arrays
+    u32 placed_ = 0;
+    mutable u32 last_hit_ = 0;  // most pointers that come in belong to the same pool as the one before
+
+    // Right for whoever comes without the lock while the pool is being made: neither bound alone lets anything in.
+    bool holds(u32 id, std::uintptr_t address) const noexcept
+    {
+        const auto first = reinterpret_cast<std::uintptr_t>(load(at(id).slots));
+        const auto last = reinterpret_cast<std::uintptr_t>(load(at(id).last_item));
+        return first != 0 && address >= first && address <= last;
+    }
+    u32 search(std::uintptr_t address) const noexcept;
+
+public:
+    static constexpr u32 kMaxPools = 0x7fffff;
+    static constexpr u32 kNowhere = 0xffffffffU;
+
+    bool has_table() const noexcept { return load(table_) != nullptr; }
+
+    // Takes over the table and what stands beside it: `aids` and `by_address` have room for all its pools.
+    void adopt(unsigned char *table, PoolAid *aids, u32 *by_address) noexcept;
+
+    // Ids below this number are valid: descriptors are taken in rising order and never given back.
+    u32 count() const noexcept { return has_table() ? static_cast<u32>(load(at(0).max_count)) : 0; }
+
+    Pool &at(u32 id) const noexcept
+    {
+        return *reinterpret_cast<Pool *>(load(table_) + std::size_t{id} * kDescriptorBytes + kHeaderBytes);
+    }
+    Pool *find(PoolId id) const noexcept { return to_index(id) < count() ? &at(to_index(id)) : nullptr; }
+    PoolId id_of(const Pool &pool) const noexcept
+    {
+        const auto distance = reinterpret_cast<const unsigned char *>(&pool) - kHeaderBytes - table_;
+        return PoolId{static_cast<u32>(distance) / kDescriptorBytes};
+    }
+
+    PoolAid &aid(PoolId id) const noexcept { return aids_[to_index(id)]; }
+
+    // Enters a pool that has its slots into the order by address.
+    void place(Held, PoolId id) noexcept;
+
+    // The pool in whose slot array this address lies, between its first and its last header; null elsewhere.
+    Pool *around(std::uintptr_t address) const noexcept
+    {
+        const u32 hit = load(last_hit_);
+        if (hit < count() && holds(hit, address)) [[likely]] {
+            return &at(hit);
+        }
+        const u32 id = search(address);
+        if (id == kNowhere) {
+            return nullptr;
+        }
+        store(last_hit_, id);
+        return &at(id);
+    }
+};
+
+extern constinit Registry registry;
+
+inline PoolId id_of(const Pool &pool) noexcept { return registry.id_of(pool); }
+
+// The slot array may be walked and its name read.
+inline bool has_slots(const Pool &pool) noexcept { return load(pool.slots) != nullptr; }
+
+// The header in front of any pointer. What cannot be read is like the header of a free slot.
+ObjectHeader header_of(const void *object) noexcept;
+
+// The pool that an object's header names; null for null and for ids out of range.
+Pool *pool_named_by(const void *object) noexcept;
+
+// The address lies between the pool's first slot and its highest used one.
+inline bool is_among_used(const Pool &pool, const unsigned char *slot) noexcept
+{
+    return slot >= load(pool.slots) && slot <= load(pool.last_used);
+}
+
+inline unsigned char *slot_at(const Pool &pool, u32 number) noexcept
+{
+    return pool.slots + std::size_t{number} * pool.slot_size;
+}
+
+// --- creation (registry.cpp) ---
+
+void make_slots_free(unsigned char *slots, u32 slot_size, u32 count) noexcept;
+
+PoolId create_pool(Held, const char *name, int count, int object_size, const memm_pooloptions *options) noexcept;
+
+// --- slots (slots.cpp) ---
+
+enum class Reserve : bool { closed, open };  // whether an allocation may take spare slots
+
+// A zeroed object, or null; keeps the counters. The id is valid.
+void *take_slot(Held, PoolId id, Reserve reserve) noexcept;
+
+// A slot in use becomes free.
+void return_slot(Held, Pool &pool, unsigned char *slot) noexcept;
+
+// The first slot in use at or above `from`, up to last_used as it is now; null when there is none.
+unsigned char *next_in_use(const Pool &pool, unsigned char *from) noexcept;
+
+inline unsigned char *first_in_use(const Pool &pool) noexcept { return next_in_use(pool, load(pool.slots)); }
+
+inline unsigned char *in_use_after(const Pool &pool, unsigned char *slot) noexcept
+{
+    return next_in_use(pool, slot + pool.slot_size);
+}
+
+// --- objects (objects.cpp) ---
+
+void *allocate(Held, PoolId id) noexcept;             // ordinary: asks gc_cb when no slot is free
+void *allocate_without_gc(Held, PoolId id) noexcept;  // may take spare slots
+void *add_reference(Held, void *object) noexcept;     // the object, or null
+Result release(Held, void *object) noexcept;
+
+// --- selection by name, for every report ---
+
+// Pools without a name are never selected; a null or empty prefix selects all others.
+bool is_selected(const Pool &pool, const char *prefix) noexcept;
+
+}  // namespace memm

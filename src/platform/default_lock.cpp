@@ -1,0 +1,36 @@
+#include "platform/default_lock.h"
+
+namespace memm {
+
+constinit DefaultLock default_lock;
+
+// Each round takes the notes it finds; one that comes during a round is found by the next. The caller's hold is the
+// last one, else a later leave() will do this.
+void DefaultLock::settle_notes() noexcept
+{
+    void (*const deliver)() = deliver_.load(std::memory_order_acquire);
+    if (deliver == nullptr || !lock_.is_mine() || lock_.is_nested() || BusyTask::is_busy()) {
+        return;
+    }
+    while (has_notes()) {
+        deliver();
+    }
+}
+
+void DefaultLock::do_noted() noexcept
+{
+    void (*const deliver)() = deliver_.load(std::memory_order_acquire);
+    if (deliver == nullptr || BusyTask::is_busy()) {
+        return;
+    }
+    while (has_notes() && lock_.is_free()) {
+        if (inside_another_.load(std::memory_order_relaxed)) {
+            deliver();
+        } else if (lock_.try_take()) {
+            settle_notes();
+            lock_.release();
+        }
+    }
+}
+
+}  // namespace memm

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#endif
+
+// A recursive lock that may be taken and released inside a signal handler at any instruction of the thread that it
+// interrupted.
+//
+//     word_   0: free.  Else: the owner's identity, bit 0 set when a waiter may sleep.
+//     extra_  holds beyond the first. Written by the owner alone, 0 whenever the lock is free.
+//
+// One word decides who owns the lock and one store or exchange changes that, so a handler finds it free or owned, never
+// in between: extra_ is already right at the instant in which the word changes hands. A handler that nests leaves
+// extra_ as it found it.
+namespace memm {
+
+// What a thread keeps of its own. Its address is the thread's identity: unlike a kernel thread id it survives fork.
+struct alignas(8) TaskState {
+    std::atomic<unsigned> busy{0};  // work on pools that is under way without the manager lock (see default_lock.h)
+};
+
+extern constinit thread_local TaskState task_state [[gnu::tls_model("initial-exec")]];
+
+// True while no other thread can exist: then plain loads and stores do what locked operations do otherwise.
+inline bool process_has_one_thread() noexcept
+{
+#if __has_include(<sys/single_threaded.h>)
+    return __libc_single_threaded != 0;
+#else
+    return false;
+#endif
+}
+
+class FutexLock {
+    static constexpr std::uintptr_t kWaiters = 1;
+
+    std::atomic<std::uintptr_t> word_{0};
+    std::atomic<std::uint32_t> extra_{0};
+
+    static std::uintptr_t me() noexcept { return reinterpret_cast<std::uintptr_t>(&task_state); }
+    static bool owned_by(std::uintptr_t word, std::uintptr_t task) noexcept { return (word & ~kWaiters) == task; }
+
+    // Only when the word was just seen to be 0.
+    bool claim(std::uintptr_t task) noexcept
+    {
+        if (process_has_one_thread()) {
+            word_.store(task, std::memory_order_relaxed);
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            return true;
+        }
+        std::uintptr_t free = 0;
+        return word_.compare_exchange_strong(free, task, std::memory_order_acquire, std::memory_order_relaxed);
+    }
+
+    void nest() noexcept { extra_.store(extra_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed); }
+
+    bool wait_and_take(const timespec *deadline) noexcept;
+    void wake_one() noexcept;
+
+public:
+    bool is_free() const noexcept { return word_.load(std::memory_order_seq_cst) == 0; }
+    bool is_mine() const noexcept { return owned_by(word_.load(std::memory_order_relaxed), me()); }
+    bool is_nested() const noexcept { return extra_.load(std::memory_order_relaxed) != 0; }
+
+    void take() noexcept
+    {
+        const std::uintptr_t task = me();
+        const std::uintptr_t seen = word_.load(std::memory_order_relaxed);
+        if (seen == 0 && claim(task)) [[likely]] {
+            return;
+        }
+        if (owned_by(seen, task)) {
+            nest();
+        } else {
+            wait_and_take(nullptr);
+        }
+    }
+
+    bool try_take() noexcept
+    {
+        const std::uintptr_t task = me();
+        const std::uintptr_t seen = word_.load(std::memory_order_relaxed);
+        if (owned_by(seen, task)) {
+            nest();
+            return true;
+        }
+        return seen == 0 && claim(task);
+    }
+
+    // Waits by the monotonic clock; false when the time ran out.
+    bool take_for(int milliseconds) noexcept;
+
+    // Drops one hold; false, and nothing happens, when the caller has none. Letting go is sequentially consistent, so
+    // that whoever notes something and then finds the lock owned is seen by the owner's next look at the notes.
+    bool release() noexcept
+    {
+        const std::uintptr_t task = me();
+        if (!owned_by(word_.load(std::memory_order_relaxed), task)) {
+            return false;
+        }
+        if (const std::uint32_t extra = extra_.load(std::memory_order_relaxed); extra != 0) {
+            extra_.store(extra - 1, std::memory_order_relaxed);
+        } else if (process_has_one_thread()) {
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            word_.store(0, std::memory_order_relaxed);
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        } else if ((word_.exchange(0, std::memory_order_seq_cst) & kWaiters) != 0) {
+            wake_one();
+        }
+        return true;
+    }
+};
+
+}  // namespace memm
