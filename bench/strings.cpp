@@ -1,0 +1,662 @@
+// What does a string of a pool cost beside the usual strings: time, memory, and the longest wait for a compaction?
+#include "support.h"
+
+#include <memmanager/dynstring.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <memory_resource>
+#include <span>
+#include <type_traits>
+
+#include <unistd.h>
+
+namespace {
+
+using namespace bench;
+
+constexpr std::size_t kShortest = 8, kLongest = 200;
+constexpr unsigned kPoolBytes = 1U << 20;
+
+std::vector<std::string> make_texts(std::size_t count)
+{
+    Random random(7);
+    std::vector<std::string> texts(count);
+    for (std::string &text : texts) {
+        text.resize(kShortest + random.below(kLongest - kShortest + 1));
+        for (char &c : text) {
+            c = static_cast<char>('!' + random.below('~' - '!'));
+        }
+    }
+    return texts;
+}
+const std::vector<std::string> texts = make_texts(1024);
+
+const std::string &pick(Random &random) { return texts[random.below(texts.size())]; }
+
+// ---- rivals: create a string from a text, give it back ----
+
+unsigned string_pool(const char *name, std::size_t count, unsigned bytes = kPoolBytes, int buffers = 4)
+{
+    const int id = dynstr_initpool2(name, static_cast<int>(count), bytes, buffers);
+    if (id < 0) {
+        std::fprintf(stderr, "bench: no string pool\n");
+        std::exit(1);
+    }
+    return static_cast<unsigned>(id);
+}
+
+// Records for a full pool of short texts; the reserve of a pool that is churned.
+constexpr std::size_t kRecords = 10'500;
+
+unsigned common_pool()
+{
+    static const unsigned id = string_pool("bench", kRecords);
+    return id;
+}
+
+struct Ours {
+    static constexpr const char *kName = "ours";
+    static bool is_there() { return true; }
+    using String = dynstr *;
+    unsigned id;
+    explicit Ours(unsigned pool = common_pool()) : id(pool) {}
+    String create(const char *text) { return dynstr_fromstring(id, text); }
+    void release(String string) { memm_free(string); }
+};
+
+struct Strdup {
+    static constexpr const char *kName = "strdup";
+    static bool is_there() { return true; }
+    using String = char *;
+    String create(const char *text) { return strdup(text); }
+    void release(String string) { std::free(string); }
+};
+
+struct StdString {
+    static constexpr const char *kName = "std::string";
+    static bool is_there() { return true; }
+    using String = std::string *;
+    String create(const char *text) { return new std::string(text); }
+    void release(String string) { delete string; }
+};
+
+struct GStrings {
+    static constexpr const char *kName = "GString";
+    static bool is_there() { return static_cast<bool>(glib.library); }
+    using String = GString *;
+    String create(const char *text) { return glib.string_new(text); }
+    void release(String string) { glib.string_free(string, 1); }
+};
+
+struct TallocStrings {
+    static constexpr const char *kName = "talloc";
+    static bool is_there() { return static_cast<bool>(talloc.library); }
+    using String = char *;
+    void *context = talloc.new_context();
+    TallocStrings() = default;
+    TallocStrings(const TallocStrings &) = delete;
+    ~TallocStrings() { talloc.free(context, __FILE__); }
+    String create(const char *text) { return talloc.strdup(context, text); }
+    void release(String string) { talloc.free(string, __FILE__); }
+};
+
+// Safe for several threads, as all the others are.
+struct PmrStrings {
+    static constexpr const char *kName = "pmr";
+    static bool is_there() { return true; }
+    using String = std::pmr::string *;
+    std::unique_ptr<std::pmr::synchronized_pool_resource> resource =
+        std::make_unique<std::pmr::synchronized_pool_resource>();
+    std::pmr::polymorphic_allocator<> allocator{resource.get()};
+    String create(const char *text) { return allocator.new_object<std::pmr::string>(text); }
+    void release(String string) { allocator.delete_object(string); }
+};
+
+template <class Visit> void for_each_rival(Visit visit)
+{
+    visit.template operator()<Ours>();
+    visit.template operator()<Strdup>();
+    visit.template operator()<StdString>();
+    visit.template operator()<GStrings>();
+    visit.template operator()<TallocStrings>();
+    visit.template operator()<PmrStrings>();
+}
+
+// ---- create + release, churn ----
+
+// As many strings as fill this part of the pool's bytes, and a random one of them replaced at each step.
+template <class Rival> class Live {
+    Rival &rival_;
+    Random random_{11};
+    std::vector<typename Rival::String> strings_;
+
+public:
+    Live(Rival &rival, std::size_t percent) : rival_(rival)
+    {
+        strings_.reserve(2 * kRecords);
+        for (std::size_t bytes = 0;;) {
+            const std::string &text = pick(random_);
+            bytes += text.size() + 1;
+            if (bytes > kPoolBytes / 100 * percent) {
+                break;
+            }
+            const auto string = rival_.create(text.c_str());
+            if (string == nullptr) {
+                break;  // the ends of the buffers are too short for it
+            }
+            strings_.push_back(string);
+        }
+    }
+    Live(const Live &) = delete;
+    ~Live()
+    {
+        for (auto string : strings_) {
+            rival_.release(string);
+        }
+    }
+    std::size_t count() const { return strings_.size(); }
+
+    bool step()
+    {
+        auto &string = strings_[random_.below(strings_.size())];
+        rival_.release(string);
+        string = rival_.create(pick(random_).c_str());
+        return string != nullptr;
+    }
+};
+
+void add_pairs()
+{
+    const std::string job = job_name("create + release");
+    set_goals(job, {{"strdup", 3.0}, {"std::string", 1.7}});
+    for_each_rival([&]<class Rival>() {
+        if (Rival::is_there()) {
+            add(job, Rival::kName, 200'000, [](benchmark::State &state) {
+                Rival rival;
+                Random random(5);
+                for (auto _ : state) {
+                    auto string = rival.create(pick(random).c_str());
+                    benchmark::DoNotOptimize(string);
+                    rival.release(string);
+                }
+            });
+        }
+    });
+}
+
+void add_churn(std::size_t percent, double goal)
+{
+    const std::string job = job_name("churn, " + std::to_string(percent) + " % of the bytes live");
+    set_goals(job, {{"std::string", goal}});
+    for_each_rival([&]<class Rival>() {
+        if (Rival::is_there()) {
+            add(job, Rival::kName, 200'000, [percent](benchmark::State &state) {
+                Rival rival;
+                Live<Rival> live(rival, percent);
+                bool ok = true;
+                for (auto _ : state) {
+                    ok = live.step() && ok;
+                }
+                if (!ok) {
+                    state.SkipWithError("a string found no room");
+                }
+            });
+        }
+    });
+}
+
+// ---- memory, each rival in a process of its own ----
+
+// Bytes of this process's own pages that lie in memory.
+double resident_bytes()
+{
+    std::ifstream rollup("/proc/self/smaps_rollup");
+    for (std::string line; std::getline(rollup, line);) {
+        if (line.starts_with("Anonymous:")) {
+            return 1024.0 * std::atof(line.c_str() + std::strlen("Anonymous:"));
+        }
+    }
+    std::fprintf(stderr, "bench: the kernel does not tell what is resident\n");
+    std::exit(1);
+}
+
+// Without churn a pool needs no more records than strings.
+std::size_t filled_count(std::size_t percent)
+{
+    Strdup rival;
+    return Live<Strdup>(rival, percent).count();
+}
+
+constexpr long kWarmUp = 1'000'000, kSteps = 10'000'000;
+
+template <class Rival> std::unique_ptr<Rival> make_rival([[maybe_unused]] std::size_t records)
+{
+    if constexpr (std::is_same_v<Rival, Ours>) {
+        return std::make_unique<Ours>(string_pool("footprint", records));
+    } else {
+        return std::make_unique<Rival>();
+    }
+}
+
+template <class Rival> void print_footprint(std::size_t percent, bool churned)
+{
+    const std::size_t records = churned ? kRecords : filled_count(percent);
+    resident_bytes();
+    const double before = resident_bytes();
+    const auto rival = make_rival<Rival>(records);
+    Live<Rival> live(*rival, percent);
+    double after = resident_bytes(), warm = after;
+    for (long i = 0; churned && i < kWarmUp + kSteps; i++) {
+        if (i == kWarmUp) {
+            warm = resident_bytes();
+        }
+        live.step();
+    }
+    after = resident_bytes();
+    std::printf("%f %f\n", (after - before) / static_cast<double>(live.count()), after - warm);
+}
+
+struct Footprint {
+    double bytes_per_string, growth;
+};
+
+Footprint measure_footprint(const char *rival, std::size_t percent, bool churned)
+{
+    std::array<char, 4096> self{};
+    if (readlink("/proc/self/exe", self.data(), self.size() - 1) < 0) {
+        return {};
+    }
+    const std::string command = "'" + std::string(self.data()) + "' --footprint " + rival + " " +
+                                std::to_string(percent) + (churned ? " churned" : " filled");
+    Footprint result{};
+    FILE *const output = popen(command.c_str(), "r");
+    if (output == nullptr || std::fscanf(output, "%lf %lf", &result.bytes_per_string, &result.growth) != 2) {
+        std::fprintf(stderr, "bench: no result from %s\n", command.c_str());
+    }
+    pclose(output);
+    return result;
+}
+
+template <class Rival> void add_footprint(const std::string &job, bool churned, double Footprint::*value)
+{
+    add(job, Rival::kName, 1, [churned, value](benchmark::State &state) {
+        static std::array<Footprint, 2> known{};  // filled, churned: one run answers both questions
+        Footprint &footprint = known[churned ? 1 : 0];
+        for (auto _ : state) {
+            if (footprint.bytes_per_string == 0) {
+                footprint = measure_footprint(Rival::kName, churned ? 90 : 100, churned);
+            }
+        }
+        state.counters["value"] = footprint.*value;
+    })->Repetitions(1);
+}
+
+void add_footprints()
+{
+    const std::string filled = "bytes per live string, filled once",
+                      churned = "bytes per live string, after churn at 90 %", growth = "growth over 10,000,000 steps";
+    set_goals(filled, {{"std::string", 0.9}, {"talloc", 0.7}});
+    set_goals(churned, {{"std::string", 0.9}, {"talloc", 0.7}});
+    set_goals(growth, {{"one page", 1}});
+    add(growth, "one page", 1, [](benchmark::State &state) {
+        for (auto _ : state) {
+        }
+        state.counters["value"] = 4096;
+    })->Repetitions(1);
+    for_each_rival([&]<class Rival>() {
+        if (Rival::is_there()) {
+            add_footprint<Rival>(filled, false, &Footprint::bytes_per_string);
+            add_footprint<Rival>(churned, true, &Footprint::bytes_per_string);
+            add_footprint<Rival>(growth, true, &Footprint::growth);
+        }
+    });
+}
+
+// ---- how long one compaction holds the lock ----
+
+constexpr unsigned kBufferBytes = 256 * 1024;
+using Clock = std::chrono::steady_clock;
+
+double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// Compactions are rare: what they touch may be in the processor's caches still, or it may not.
+void empty_caches()
+{
+    static std::vector<char> other(64U << 20, 1);
+    for (std::size_t i = 0; i < other.size(); i += 64) {
+        other[i]++;
+    }
+    benchmark::ClobberMemory();
+}
+
+// One buffer, filled until the longest text does not fit; `goes` says which texts are released. The text that does not
+// fit then starts the compaction: the call that creates it is timed, and the rest of that call is short.
+class OneBuffer {
+    unsigned id_ = string_pool("one buffer", 8000, kBufferBytes, 1);
+    const memm_pool *pool_ = memm_get_pool_nolock(id_);
+    int empty_count_ = pool_->cur_count;
+    std::string longest_ = std::string(kLongest, 'x');
+    std::vector<dynstr *> strings_;
+
+    dynstr *create_longest() { return dynstr_fromstring(id_, longest_.c_str()); }
+
+public:
+    void fill(Random &random)
+    {
+        dynstr *first = nullptr;
+        do {  // until a compaction has taken what was there before
+            memm_free(first);
+            first = create_longest();
+        } while (pool_->cur_count > empty_count_ + 1);
+        strings_.assign(1, first);
+        for (std::size_t used = longest_.size() + 1;;) {
+            const std::string &text = pick(random);
+            used += text.size() + 1;
+            if (used > kBufferBytes - kShortest) {
+                break;
+            }
+            strings_.push_back(dynstr_fromstring(id_, text.c_str()));
+        }
+    }
+
+    template <class Goes> void release(Goes goes)
+    {
+        for (std::size_t i = 0; i < strings_.size(); i++) {
+            if (goes(i)) {
+                memm_free(std::exchange(strings_[i], nullptr));
+            }
+        }
+    }
+
+    // False when there was none.
+    bool compact(double &seconds)
+    {
+        const Clock::time_point start = Clock::now();
+        dynstr *const last = create_longest();
+        seconds = seconds_since(start);
+        const auto gone = std::count(strings_.begin(), strings_.end(), nullptr);
+        const auto live = static_cast<std::ptrdiff_t>(strings_.size()) - gone;
+        const bool was_compacted = last != nullptr && pool_->cur_count == empty_count_ + live + 1;
+        memm_free(last);
+        return was_compacted;
+    }
+};
+
+template <class Goes> void compaction(benchmark::State &state, bool cold, Goes goes)
+{
+    static OneBuffer buffer;
+    Random random(3);
+    for (auto _ : state) {
+        buffer.fill(random);
+        buffer.release(goes);
+        if (cold) {
+            empty_caches();
+        }
+        double seconds = 0;
+        if (!buffer.compact(seconds)) {
+            state.SkipWithError("that was no compaction");
+        }
+        state.SetIterationTime(seconds);
+        buffer.release([](std::size_t) { return true; });
+    }
+}
+
+// The least that must be done: every byte is moved and looked at; as one text, or as texts of the usual lengths.
+void move_and_look(benchmark::State &state, bool cold, bool one_text)
+{
+    std::vector<char> buffer(kBufferBytes);
+    for (auto _ : state) {
+        std::memset(buffer.data(), 'x', buffer.size() - 1);
+        Random random(3);
+        for (std::size_t end = pick(random).size(); !one_text && end < buffer.size(); end += pick(random).size() + 1) {
+            buffer[end] = '\0';
+        }
+        if (cold) {
+            empty_caches();
+        }
+        const Clock::time_point start = Clock::now();
+        std::memmove(buffer.data(), buffer.data() + kLongest + 1, buffer.size() - kLongest - 1);
+        benchmark::ClobberMemory();
+        for (std::size_t length = 0; length < buffer.size();) {
+            length += std::strlen(buffer.data() + length) + 1;
+            benchmark::DoNotOptimize(length);
+        }
+        state.SetIterationTime(seconds_since(start));
+    }
+}
+
+template <class Goes> void add_compaction(const char *released, bool cold, Goes goes)
+{
+    constexpr int kTimes = 51;
+    const std::string job =
+        job_name(std::string("compaction of 256 KB, ") + released + " released" + (cold ? ", caches empty" : ""));
+    set_goals(job, {{"memmove + strlen", 3.0}});
+    add(job, "ours", 1, [=](benchmark::State &state) { compaction(state, cold, goes); })
+        ->UseManualTime()
+        ->Repetitions(kTimes);
+    add(job, "memmove + strlen", 1, [=](benchmark::State &state) { move_and_look(state, cold, true); })
+        ->UseManualTime()
+        ->Repetitions(kTimes);
+    add(job, "strlen of each text", 1, [=](benchmark::State &state) { move_and_look(state, cold, false); })
+        ->UseManualTime()
+        ->Repetitions(kTimes);
+}
+
+void add_compactions()
+{
+    for (const bool cold : {false, true}) {
+        add_compaction("the first text", cold, [](std::size_t i) { return i == 0; });
+        add_compaction("every 10th text", cold, [](std::size_t i) { return i % 10 == 0; });
+        add_compaction("every 2nd text", cold, [](std::size_t i) { return i % 2 == 0; });
+        add_compaction("9 of 10 texts", cold, [](std::size_t i) { return i % 10 != 9; });
+    }
+}
+
+// ---- operations ----
+
+template <class Work> void add_work(const std::string &job, const char *rival, std::int64_t steps, Work work)
+{
+    add(job, rival, steps, [work](benchmark::State &state) {
+        for (auto _ : state) {
+            work();
+        }
+    });
+}
+
+// A new string, 256 times 16 bytes appended, released.
+void add_append()
+{
+    static constexpr const char *kPart = "sixteen bytes...";
+    constexpr int kParts = 256, kTexts = 1'000;
+    const std::string job = job_name("256 times 16 bytes appended");
+    set_goals(job, {{"g_string_append", 1.3}});
+    add_work(job, "ours", kTexts, [] {
+        dynstr *const string = dynstr_fromstring(common_pool(), kPart);
+        for (int i = 0; i < kParts; i++) {
+            dynstr_addstring(string, kPart);
+        }
+        memm_free(string);
+    });
+    if (glib.library) {
+        add_work(job, "g_string_append", kTexts, [] {
+            GString *const string = glib.string_new(kPart);
+            for (int i = 0; i < kParts; i++) {
+                glib.string_append(string, kPart);
+            }
+            glib.string_free(string, 1);
+        });
+    }
+    add_work(job, "std::string", kTexts, [] {
+        std::string string(kPart);
+        for (int i = 0; i < kParts; i++) {
+            string.append(kPart);
+            benchmark::DoNotOptimize(string.data());
+        }
+    });
+    if (talloc.library) {
+        add_work(job, "talloc", kTexts, [] {
+            char *string = talloc.strdup(nullptr, kPart);
+            for (int i = 0; i < kParts; i++) {
+                string = talloc.strdup_append(string, kPart);
+            }
+            talloc.free(string, __FILE__);
+        });
+    }
+}
+
+// The same work, `make` being the printf-like maker of a text and `drop` what gives it back.
+template <class Make, class Drop> void add_formatted(const std::string &job, const char *rival, Make make, Drop drop)
+{
+    add(job, rival, 100'000, [make, drop](benchmark::State &state) {
+        int value = 1'000'000;
+        for (auto _ : state) {
+            auto *const text = make(value++);
+            benchmark::DoNotOptimize(text);
+            drop(text);
+        }
+    });
+}
+
+void add_formatted_texts()
+{
+    static constexpr const char *kFormat = "%s[%d]: state 0x%08x";
+    const std::string formatted = job_name("formatted text created + released");
+    set_goals(formatted, {{"g_strdup_printf", 1.15}});
+    const auto drop_ours = [](dynstr *text) { memm_free(text); };
+    add_formatted(
+        formatted, "ours", [](int value) { return dynstr_fromprintf(common_pool(), kFormat, "task", value, value); },
+        drop_ours);
+
+    const std::string number = job_name("number text created + released");
+    set_goals(number, {{"g_strdup_printf", 0.9}});
+    add_formatted(
+        number, "ours", [](int value) { return dynstr_fromulong(common_pool(), static_cast<unsigned>(value)); },
+        drop_ours);
+    if (glib.library) {
+        const auto drop = [](char *text) { glib.free(text); };
+        add_formatted(
+            formatted, "g_strdup_printf", [](int value) { return glib.strdup_printf(kFormat, "task", value, value); },
+            drop);
+        add_formatted(
+            number, "g_strdup_printf",
+            [](int value) { return glib.strdup_printf("%lu", static_cast<unsigned long>(value)); }, drop);
+    }
+    if (talloc.library) {
+        const auto drop = [](char *text) { talloc.free(text, __FILE__); };
+        add_formatted(
+            formatted, "talloc", [](int value) { return talloc.asprintf(nullptr, kFormat, "task", value, value); },
+            drop);
+        add_formatted(
+            number, "talloc",
+            [](int value) { return talloc.asprintf(nullptr, "%lu", static_cast<unsigned long>(value)); }, drop);
+    }
+    add_formatted(
+        number, "std::string", [](int value) { return new std::string(std::to_string(value)); },
+        [](std::string *text) { delete text; });
+}
+
+// Hexadecimal texts by tables over plain buffers.
+void write_hex(char *text, std::span<const unsigned char> bytes)
+{
+    static constexpr char kDigits[] = "0123456789abcdef";
+    for (const unsigned char byte : bytes) {
+        *text++ = kDigits[byte >> 4];
+        *text++ = kDigits[byte & 15];
+    }
+    *text = '\0';
+}
+
+constexpr std::array<unsigned char, 256> make_values()
+{
+    std::array<unsigned char, 256> values{};
+    for (unsigned i = 0; i < 16; i++) {
+        values[static_cast<unsigned char>("0123456789abcdef"[i])] = static_cast<unsigned char>(i);
+        values[static_cast<unsigned char>("0123456789ABCDEF"[i])] = static_cast<unsigned char>(i);
+    }
+    return values;
+}
+
+void read_hex(std::span<unsigned char> bytes, const char *text)
+{
+    static constexpr std::array<unsigned char, 256> kValues = make_values();
+    const auto value = [](char c) { return kValues[static_cast<unsigned char>(c)]; };
+    for (unsigned char &byte : bytes) {
+        byte = static_cast<unsigned char>(value(text[0]) << 4 | value(text[1]));
+        text += 2;
+    }
+}
+
+void add_hexadecimal()
+{
+    static std::array<unsigned char, 512> bytes;
+    static std::array<char, 2 * bytes.size() + 1> text;
+    Random random(9);
+    for (unsigned char &byte : bytes) {
+        byte = static_cast<unsigned char>(random.next());
+    }
+    write_hex(text.data(), bytes);
+    static dynstr *const string = dynstr_hexstringfromdata(common_pool(), bytes.data(), bytes.size());
+    if (string == nullptr || std::strcmp(dynstr_getstring(string), text.data()) != 0) {
+        std::fprintf(stderr, "bench: the hexadecimal texts differ\n");
+        std::exit(1);
+    }
+
+    const std::string writing = job_name("hexadecimal text of 1 KB written");
+    set_goals(writing, {{"table", 1.2}});
+    add_work(writing, "ours", 10'000, [] { dynstr_sethexstring(string, bytes.data(), bytes.size()); });
+    add_work(writing, "table", 10'000, [] {
+        write_hex(text.data(), bytes);
+        benchmark::ClobberMemory();
+    });
+    const std::string reading = job_name("hexadecimal text of 1 KB read");
+    set_goals(reading, {{"table", 1.2}});
+    add_work(reading, "ours", 10'000, [] { dynstr_gethexstring(string, bytes.data(), bytes.size()); });
+    add_work(reading, "table", 10'000, [] {
+        read_hex(bytes, text.data());
+        benchmark::ClobberMemory();
+    });
+}
+
+// ---- the program ----
+
+void register_jobs()
+{
+    add_pairs();
+    add_churn(50, 1.4);
+    add_churn(75, 1.5);
+    add_churn(90, 1.8);
+    add_append();
+    add_formatted_texts();
+    add_hexadecimal();
+    add_compactions();
+    if (!second_thread) {  // memory and growth are the same with several
+        add_footprints();
+    }
+}
+
+// --footprint RIVAL PERCENT churned|filled
+int run_footprint(char **arguments)
+{
+    start_library();
+    for_each_rival([&]<class Rival>() {
+        if (std::string_view(Rival::kName) == arguments[0]) {
+            print_footprint<Rival>(static_cast<std::size_t>(std::atoi(arguments[1])),
+                                   std::string_view(arguments[2]) == "churned");
+        }
+    });
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc == 5 && std::string_view(argv[1]) == "--footprint") {
+        return run_footprint(argv + 2);
+    }
+    return run_program(argc, argv, register_jobs);
+}
