@@ -6,6 +6,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef struct dyndata {
     unsigned char *data;
@@ -30,6 +31,7 @@ unsigned dyndata_setdata(dyndata *d, const void *bytes, unsigned length);
 dyndata *dyndata_fromdata(unsigned poolid, const void *bytes, unsigned length);
 unsigned dyndata_adddata(dyndata *d, const void *bytes, unsigned length);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

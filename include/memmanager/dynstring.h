@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef struct dynstr {
     char *str;
@@ -110,6 +111,7 @@ void _dynstr_ex_fromvprintf(unsigned poolid, dynstr **slot, const char *format, 
 void _dynstr_ex_fromsubstring(unsigned poolid, dynstr **slot, const char *text, int offset, int length, const char *file, int line);
 void _dynstr_ex_hexstringfromdata(unsigned poolid, dynstr **slot, const unsigned char *bytes, int count, const char *file, int line);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -6,6 +6,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef struct llist {
     void *obj;
@@ -63,6 +64,7 @@ void *llist_enum_bytype(llist *list, unsigned type, int *index, void **cursor);
 void *llist_enum_bytype_nolock(llist *list, unsigned type, int *index, void **cursor);
 struct dynstr *llist_enum_dynstr(llist *list, int *index, void **cursor);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -4,6 +4,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef struct LOCK {
     const char *name;
@@ -24,6 +25,7 @@ int lock_gettrace(const char *lockname, int level);
 int lock_gettracelevel(void);
 char *lock_getapplfilter(void);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -6,6 +6,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* one machine word: 32 bits on a 32-bit target */
 typedef uintptr_t memm_word;
@@ -114,6 +115,7 @@ void memm_lock(const char *tag);
 void memm_unlock(void);
 void memm_set_fast_trelk_locking(void);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

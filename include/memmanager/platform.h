@@ -6,6 +6,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* memory: 0 = success, anything else is a failure code */
 unsigned xm_alloc(const char *label, int option, unsigned size, void **block);
@@ -41,6 +42,7 @@ int dbg_printf(const char *format, ...);
 int trc_def_printf(const char *format, ...);
 int err_printf(unsigned code, int severity, const char *module, const char *file, int line, const char *message);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

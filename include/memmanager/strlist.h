@@ -7,6 +7,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef llist strlist;
 
@@ -35,6 +36,7 @@ strlist *strlist_fromdynstr(dynstr *string, const char *separator, int poolid);
 strlist *strlist_fromstringarr(const char *const *array, int poolid, int strpool);
 strlist *strlist_clone(strlist *list, int poolid, int strpool);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

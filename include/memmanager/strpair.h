@@ -6,6 +6,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef strlist strpair;
 typedef llist strpairlist;
@@ -37,6 +38,7 @@ strpairlist *strpairlist_clone(strpairlist *list, int poolid);
 dynstr *strpairlist_getsecond_byfirststring(strpairlist *list, const char *text);
 const char *strpairlist_getsecondstring_byfirststring(strpairlist *list, const char *text);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -4,6 +4,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef struct timestat {
     unsigned start_seconds, start_microseconds, stop_seconds, stop_microseconds;
@@ -12,6 +13,7 @@ int timestat_starttime(timestat *t);
 int timestat_stoptime(timestat *t);
 unsigned timestat_elapstime(timestat *t);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif
