@@ -1,9 +1,9 @@
 #ifndef MEMMANAGER_DYNSTRING_H
 #define MEMMANAGER_DYNSTRING_H
 
-#include <stdarg.h>
 #include "llist.h"
 #include "memmanager.h"
+#include <stdarg.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -101,15 +101,21 @@ void _dynstr_ex_fromstring(unsigned poolid, dynstr **slot, const char *text, con
 void _dynstr_ex_fromliteral(unsigned poolid, dynstr **slot, const char *text, const char *file, int line);
 void _dynstr_ex_fromulong(unsigned poolid, dynstr **slot, unsigned value, const char *file, int line);
 void _dynstr_ex_fromlong(unsigned poolid, dynstr **slot, int value, const char *file, int line);
-void _dynstr_ex_fromstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, const char *file, int line);
-void _dynstr_ex_fromstrlist_escaped(unsigned strpool, dynstr **slot, llist *list, const char *separator, char escape, const char *file, int line);
-void _dynstr_ex_frompartialstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, int first, int last, const char *file, int line);
+void _dynstr_ex_fromstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, const char *file,
+                            int line);
+void _dynstr_ex_fromstrlist_escaped(unsigned strpool, dynstr **slot, llist *list, const char *separator, char escape,
+                                    const char *file, int line);
+void _dynstr_ex_frompartialstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, int first,
+                                   int last, const char *file, int line);
 void _dynstr_ex_fromipaddr(unsigned poolid, dynstr **slot, unsigned address, const char *file, int line);
 void _dynstr_ex_frommacaddr(unsigned poolid, dynstr **slot, const unsigned char *mac, const char *file, int line);
 void _dynstr_ex_fromprintf(unsigned poolid, dynstr **slot, const char *format, const char *file, int line, ...);
-void _dynstr_ex_fromvprintf(unsigned poolid, dynstr **slot, const char *format, va_list arguments, const char *file, int line);
-void _dynstr_ex_fromsubstring(unsigned poolid, dynstr **slot, const char *text, int offset, int length, const char *file, int line);
-void _dynstr_ex_hexstringfromdata(unsigned poolid, dynstr **slot, const unsigned char *bytes, int count, const char *file, int line);
+void _dynstr_ex_fromvprintf(unsigned poolid, dynstr **slot, const char *format, va_list arguments, const char *file,
+                            int line);
+void _dynstr_ex_fromsubstring(unsigned poolid, dynstr **slot, const char *text, int offset, int length,
+                              const char *file, int line);
+void _dynstr_ex_hexstringfromdata(unsigned poolid, dynstr **slot, const unsigned char *bytes, int count,
+                                  const char *file, int line);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus
