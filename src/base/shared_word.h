@@ -11,7 +11,7 @@ template <typename T> T load(const T &word) noexcept { return __atomic_load_n(&w
 
 template <typename T> void store(T &word, std::type_identity_t<T> value) noexcept
 {
-    __atomic_store_n(&word, value, __ATOMIC_RELAXED);
+    __atomic_store(&word, &value, __ATOMIC_RELAXED);
 }
 
 template <typename T> T add(T &word, std::type_identity_t<T> step) noexcept

@@ -91,20 +91,11 @@ void *add_reference(Held, void *object) noexcept
 
 namespace {
 
-// The pool whose slot this is, when it may be released; else null. Descriptors cannot be released.
-Pool *releasable(const void *object) noexcept
+// The pool of an object that may be released, else null. Descriptors cannot be released.
+Pool *releasable(void *object) noexcept
 {
-    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(object) - kHeaderBytes;
-    Pool *const pool = registry.around(address);
-    if (pool == nullptr) {
-        return nullptr;
-    }
-    const auto *slot = reinterpret_cast<const unsigned char *>(address);
-    const PoolId id = id_of(*pool);
-    return slot <= pool->last_used && registry.aid(id).is_slot(*pool, slot) &&
-                   ObjectHeader::of_slot(slot).pool() == id && id != PoolId::descriptors
-               ? pool
-               : nullptr;
+    Pool *const pool = owner_of(object);
+    return pool != nullptr && slot_of(object) <= pool->last_used && id_of(*pool) != PoolId::descriptors ? pool : nullptr;
 }
 
 // Addresses in these texts have eight digits at least, and more where a pointer needs them.
@@ -175,8 +166,7 @@ Result release(Held held, void *object) noexcept
     if (!ObjectHeader::of_slot(slot).in_use()) {
         trace_release("[MEMM] memm_free: Recursive release detected: 0x%08lx (poolid = %d)\r\n", slot, header.pool());
     }
-    return_slot(held, *pool, slot);
-    add(pool->free_count, 1);
+    finish_release(held, *pool, slot);
     return Result::ok;
 }
 

@@ -128,6 +128,20 @@ inline bool has_slots(const Pool &pool) noexcept { return load(pool.slots) != nu
 // The header in front of any pointer. What cannot be read is like the header of a free slot.
 ObjectHeader header_of(const void *object) noexcept;
 
+// The pool in which this is an object in use: the pointer lies in the pool's slot array, just behind a header that says
+// so. Null for every other pointer.
+inline Pool *owner_of(const void *object) noexcept
+{
+    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(object) - kHeaderBytes;
+    Pool *const pool = registry.around(address);
+    if (pool == nullptr) {
+        return nullptr;
+    }
+    const auto *slot = reinterpret_cast<const unsigned char *>(address);
+    const PoolId id = id_of(*pool);
+    return registry.aid(id).is_slot(*pool, slot) && ObjectHeader::of_slot(slot).pool() == id ? pool : nullptr;
+}
+
 // The pool that an object's header names; null for null and for ids out of range.
 Pool *pool_named_by(const void *object) noexcept;
 
@@ -157,6 +171,13 @@ void *take_slot(Held, PoolId id, Reserve reserve) noexcept;
 
 // A slot in use becomes free.
 void return_slot(Held, Pool &pool, unsigned char *slot) noexcept;
+
+// The end of a release to which the object's owner has agreed.
+inline void finish_release(Held held, Pool &pool, unsigned char *slot) noexcept
+{
+    return_slot(held, pool, slot);
+    add(pool.free_count, 1);
+}
 
 // The first slot in use at or above `from`, up to last_used as it is now; null when there is none.
 unsigned char *next_in_use(const Pool &pool, unsigned char *from) noexcept;

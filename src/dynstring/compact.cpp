@@ -1,0 +1,204 @@
+#include "dynstring/text_pool.h"
+
+#include "memmanager/trace.h"
+
+#include <memmanager/platform.h>
+#include <cstring>
+
+namespace memm::strings {
+
+namespace {
+
+// Both results differ only for a text that was written behind the library's back.
+bool ends_where_size_says(const dynstr &record) noexcept
+{
+    const u32 size = size_of(record);
+    return size != 0 && std::memchr(record.str, 0, size) == record.str + size - 1;
+}
+
+void trace_finding(const char *text) noexcept
+{
+    if (is_traced(1)) {
+        trc_def_printf(text);
+    }
+}
+
+void trace_corrected(const char *text, u32 from, u32 to) noexcept
+{
+    if (is_traced(1)) {
+        trc_def_printf(text, static_cast<int>(from), static_cast<int>(to));
+    }
+}
+
+// A pass along the list of one buffer, from its first deleted record on:
+//
+//     old:  |live|del|live|live|del|del|live|        a run is the live texts between two deleted ones: its records get
+//     new:  |live|live|live|live|                    their new place while it is walked, its bytes move when it ends
+class Compaction {
+    Held held_;
+    TextPool &pool_;
+    Pool &records_;
+    const u32 buffer_;
+    dynstr *previous_;  // the last record that stays
+    u32 shift_ = 0;     // bytes of the deleted texts passed
+    char *run_ = nullptr;
+    char *run_target_ = nullptr;
+    u32 run_length_ = 0;
+    char *end_;  // of the texts that are in their place
+    u32 freed_records_ = 0;
+    bool after_deleted_ = false;
+
+    void check(const dynstr &record) const noexcept
+    {
+        const dynstr *const next = record.next;
+        if (next != nullptr && next->str < record.str) {
+            trace_finding("[DYNSTR] loc_dynstr_gc dynstr->str sort error.\r\n");
+        }
+        if (info_of(record).buffer() != buffer_) {
+            trace_finding("[DYNSTR] loc_dynstr_gc curr_dynstr has wrong buffernr.\r\n");
+        }
+        if (next != nullptr && info_of(*next).buffer() != buffer_) {
+            trace_finding("[DYNSTR] loc_dynstr_gc next_dynstr has wrong buffernr.\r\n");
+        }
+        if (!ends_where_size_says(record)) {
+            trace_finding("[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.\r\n");
+        }
+    }
+
+    void move_run() noexcept
+    {
+        if (run_ != nullptr) {
+            std::memmove(run_target_, run_, run_length_);
+            end_ = run_target_ + run_length_;
+            run_ = nullptr;
+        }
+    }
+
+    void close_run_before(const dynstr &record) noexcept
+    {
+        if (run_ != nullptr && record.str - run_ != run_length_) {
+            trace_finding("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.\r\n");
+            run_length_ = static_cast<u32>(record.str - run_);
+        }
+        move_run();
+    }
+
+    // Somebody added a reference after the last release: the record lives on without a text, and the last release
+    // frees it.
+    void give_back(dynstr &record) noexcept
+    {
+        unsigned char *const slot = slot_of(&record);
+        --pool_.cnt[buffer_];
+        ++freed_records_;
+        if (ObjectHeader::of_slot(slot).extra_refs() == 0) {
+            finish_release(held_, records_, slot);
+        } else {
+            set_size(record, 0);
+            static_cast<void>(release(held_, &record));
+        }
+    }
+
+    void pass_deleted(dynstr &record) noexcept
+    {
+        close_run_before(record);
+        shift_ += size_of(record);
+        after_deleted_ = true;
+        give_back(record);
+    }
+
+    void pass_live(dynstr &record) noexcept
+    {
+        if (after_deleted_) {
+            (previous_ == nullptr ? pool_.first[buffer_] : previous_->next) = &record;
+            record.prev = previous_;
+            run_ = record.str;
+            run_target_ = record.str - shift_;
+            run_length_ = 0;
+            after_deleted_ = false;
+        }
+        run_length_ += size_of(record);
+        record.str -= shift_;
+        previous_ = &record;
+    }
+
+    void finish_list() noexcept
+    {
+        if (!after_deleted_) {
+            move_run();
+            return;
+        }
+        pool_.last[buffer_] = previous_;
+        if (previous_ != nullptr) {
+            previous_->next = nullptr;
+        }
+    }
+
+    void settle_accounts() noexcept
+    {
+        char *const used_end = pool_.buf[buffer_] + pool_.used[buffer_];
+        const auto freed = static_cast<u32>(used_end - end_);
+        if (freed != pool_.bufdelbytes[buffer_]) {
+            trace_corrected("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong total gc'd bytes (%d->%d).\r\n",
+                            pool_.bufdelbytes[buffer_], freed);
+        }
+        if (freed_records_ != pool_.bufdelcnt[buffer_]) {
+            trace_corrected("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong total gc'd dynstr (%d->%d).\r\n",
+                            pool_.bufdelcnt[buffer_], freed_records_);
+        }
+        pool_.bufdelbytes[buffer_] = 0;
+        pool_.bufdelcnt[buffer_] = 0;
+        std::memset(end_, 0, freed);
+        pool_.used[buffer_] -= freed;
+        pool_.usedbytes -= freed;
+        pool_.delbytes -= freed;
+        add(pool_.delcnt, -static_cast<int>(freed_records_));
+        raise_to(pool_.gcmaxcnt, freed_records_);
+        raise_to(pool_.gcmaxbytes, freed);
+        pool_.gctotcnt += freed_records_;
+        pool_.gctotbytes += freed;
+    }
+
+public:
+    Compaction(Held held, TextPool &pool, u32 buffer, dynstr &lowest_deleted) noexcept
+        : held_(held), pool_(pool), records_(registry.at(pool.poolid)), buffer_(buffer), previous_(lowest_deleted.prev),
+          end_(lowest_deleted.str)
+    {
+        if (pool.first[buffer] == &lowest_deleted) {
+            pool.first[buffer] = nullptr;
+        }
+    }
+
+    void run(dynstr *record) noexcept
+    {
+        while (record != nullptr) {
+            dynstr *const next = record->next;
+            check(*record);
+            if (info_of(*record).is_deleted()) {
+                pass_deleted(*record);
+            } else {
+                pass_live(*record);
+            }
+            record = next;
+        }
+        finish_list();
+        settle_accounts();
+    }
+};
+
+}  // namespace
+
+// The buffers take turns; the compacted one becomes the current one.
+void compact(Held held, TextPool &pool, Reason reason) noexcept
+{
+    const u32 buffer = (pool.curbuf + 1) % pool.bufcnt;
+    if (dynstr *const lowest = pool.firstdel[buffer]; lowest != nullptr) {
+        Compaction(held, pool, buffer, *lowest).run(lowest);
+    }
+    ++pool.gcreason[pool.curbuf][static_cast<u32>(reason)];
+    pool.curbuf = buffer;
+    ++pool.gccnt;
+    store(pool.gcrequest, 0);
+    pool.firstdel[buffer] = nullptr;
+}
+
+}  // namespace memm::strings

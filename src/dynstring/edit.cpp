@@ -1,0 +1,244 @@
+#include "dynstring/edit.h"
+
+#include "dynstring/place.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+namespace memm::strings {
+
+// An empty text from outside gives nothing.
+Source text_given(const char *text) noexcept
+{
+    if (text == nullptr) {
+        return {Source::Kind::none, nullptr, 0};
+    }
+    const std::size_t length = std::strlen(text);
+    return {length == 0 ? Source::Kind::nothing : Source::Kind::text, text, length};
+}
+
+// The owner of a literal may have shortened it meanwhile.
+Source whole_text(const dynstr &record) noexcept
+{
+    if (record.str == nullptr) {
+        return {Source::Kind::nothing, nullptr, 0};
+    }
+    const std::size_t length = length_of(record);
+    return {Source::Kind::text, record.str, info_of(record).is_literal() ? strnlen(record.str, length) : length};
+}
+
+Source text_of_record(const dynstr *source) noexcept
+{
+    return owner_pool(source) == nullptr ? Source{Source::Kind::none, nullptr, 0} : whole_text(*source);
+}
+
+TextPool *changeable(const dynstr *record) noexcept
+{
+    TextPool *const pool = owner_pool(record);
+    return pool != nullptr && !info_of(*record).is_deleted() ? pool : nullptr;
+}
+
+namespace {
+
+// Reading stops at the end of the source. What was asked for beyond it still counts when room is judged, and shows as a
+// wrong prediction afterwards.
+void put(Rewrite &rewrite, const Source &source, std::size_t offset, u64 requested) noexcept
+{
+    const u64 limit = rewrite.max_size() != 0 ? rewrite.max_size() : requested + 1;
+    const u64 size = std::min(requested + 1, limit);
+    const u64 real = std::min<u64>(size, source.length - offset + 1);
+    if (char *const room = rewrite.make_room(size, real); room != nullptr) {
+        const auto count = static_cast<std::size_t>(real) - 1;
+        std::memcpy(room, source.text + offset, count);
+        room[count] = '\0';
+        rewrite.wrote(static_cast<u32>(size), static_cast<u32>(real));
+    }
+}
+
+}  // namespace
+
+Result assign(Held held, dynstr *record, const Source &source, int offset, int length) noexcept
+{
+    TextPool *const pool = changeable(record);
+    return pool == nullptr ? Result::invalid : assign(held, *pool, *record, source, offset, length);
+}
+
+Result assign(Held held, TextPool &pool, dynstr &record, const Source &source, int offset, int length) noexcept
+{
+    if (source.kind == Source::Kind::none || offset < 0) {
+        return Result::invalid;
+    }
+    Rewrite rewrite(held, pool, record);
+    if (!rewrite.set_aside()) {
+        return Result::no_memory;
+    }
+    const auto start = static_cast<std::size_t>(offset);
+    if (source.kind == Source::Kind::text && start <= source.length) {
+        const u64 requested = length < 0 ? source.length - start : static_cast<u64>(length);
+        if (requested >= 1) {
+            put(rewrite, source, start, requested);
+        }
+    }
+    return rewrite.finish();
+}
+
+namespace {
+
+// One append: what is added to what, and how much of it counts.
+struct Addition {
+    u32 old_size;
+    u32 old_length;
+    u64 added;     // bytes that count, with a terminating zero
+    u64 new_size;  // so counted
+    u32 copied;    // bytes of the text itself
+};
+
+Addition measure(const dynstr &record, const char *text, u64 count) noexcept
+{
+    const u32 length = length_of(record);
+    const u64 max = info_of(record).max_size();
+    u64 added = count + 1;
+    u64 new_size = length + added;
+    if (max != 0 && new_size > max) {
+        added -= new_size - max;
+        new_size = max;
+    }
+    const auto copied = strnlen(text, static_cast<std::size_t>(added - 1));
+    return {size_of(record), length, added, new_size, static_cast<u32>(copied)};
+}
+
+bool ends_current_buffer(const TextPool &pool, const dynstr &record) noexcept
+{
+    return is_in_buffer(record) && record.str + size_of(record) == pool.fill_position();
+}
+
+void write_behind(char *text, const Addition &addition, const char *source) noexcept
+{
+    std::memmove(text + addition.old_length, source, addition.copied);
+    text[addition.old_length + addition.copied] = '\0';
+}
+
+}  // namespace
+
+Result append(Held held, dynstr &record, const char *text, u64 count) noexcept
+{
+    TextPool *const owner = changeable(&record);
+    if (owner == nullptr) {
+        return Result::invalid;
+    }
+    TextPool &pool = *owner;
+    const Addition addition = measure(record, text, count);
+    const u64 real = u64{addition.old_length} + addition.copied + 1;
+    const bool extends = ends_current_buffer(pool, record);
+    const bool fits = (extends ? addition.added - 1 : addition.new_size) <= pool.room() && real <= kMaxTextSize;
+
+    Rewrite rewrite(held, pool, record);
+    if (extends && fits) {
+        rewrite.reopen();
+        write_behind(record.str, addition, text);
+        rewrite.wrote(static_cast<u32>(real), static_cast<u32>(real));
+        return rewrite.finish();
+    }
+    if (!rewrite.set_aside()) {
+        return Result::no_memory;
+    }
+    if (real > kMaxTextSize) {
+        rewrite.fail_too_large();
+        return rewrite.finish();
+    }
+    char *const room = fits ? rewrite.make_room(real, real) : rewrite.make_room_outside(real, real);
+    if (room == nullptr) {
+        rewrite.leave_stand_by();
+        return rewrite.finish();
+    }
+    const dynstr &before = rewrite.before();
+    if (addition.old_length != 0) {
+        std::memcpy(room, before.str, addition.old_length);
+    }
+    write_behind(room, addition, text);
+    rewrite.wrote(static_cast<u32>(real), static_cast<u32>(real));
+    return rewrite.finish();
+}
+
+}  // namespace memm::strings
+
+using namespace memm;
+using namespace memm::strings;
+
+extern "C" {
+
+unsigned dynstr_setstring(dynstr *d, const char *text)
+{
+    const ManagerLock lock("dynstr_setstring");
+    return to_c(assign(lock.held(), d, text_given(text), 0, -1));
+}
+
+unsigned dynstr_setstring_nolock(dynstr *d, const char *text)
+{
+    const BusyTask busy;
+    return to_c(assign(Held::by_caller(), d, text_given(text), 0, -1));
+}
+
+unsigned dynstr_setdynstr(dynstr *d, const dynstr *source)
+{
+    const ManagerLock lock("dynstr_setdynstr");
+    return to_c(assign(lock.held(), d, text_of_record(source), 0, -1));
+}
+
+unsigned dynstr_setdynstr_nolock(dynstr *d, const dynstr *source)
+{
+    const BusyTask busy;
+    return to_c(assign(Held::by_caller(), d, text_of_record(source), 0, -1));
+}
+
+unsigned dynstr_setbool(dynstr *d, int value) { return dynstr_setstring(d, value != 0 ? "1" : "0"); }
+
+unsigned dynstr_setsubstring(dynstr *d, const char *text, int offset, int length)
+{
+    if (offset < 0) {
+        return to_c(Result::invalid);
+    }
+    if (!is_string(d)) {
+        trace_bad_string("dynstr_setsubstring");
+        return to_c(Result::invalid);
+    }
+    const ManagerLock lock("dynstr_setsubstring");
+    return to_c(assign(lock.held(), d, text_given(text), offset, length));
+}
+
+// Deliberate: the tag is that of its sibling.
+unsigned dynstr_setsubdynstr(dynstr *d, const dynstr *source, int offset, int length)
+{
+    if (offset < 0) {
+        return to_c(Result::invalid);
+    }
+    if (!is_string(d) || !is_string(source)) {
+        trace_bad_string("dynstr_setsubdynstr");
+        return to_c(Result::invalid);
+    }
+    const ManagerLock lock("dynstr_setsubstring");
+    return to_c(assign(lock.held(), d, text_of_record(source), offset, length));
+}
+
+unsigned dynstr_addstring(dynstr *d, const char *text)
+{
+    if (text == nullptr) {
+        return to_c(Result::invalid);
+    }
+    const std::size_t length = std::strlen(text);
+    return dynstr_addstring_size(d, text, static_cast<int>(std::min<std::size_t>(length, INT_MAX)));
+}
+
+unsigned dynstr_addstring_size(dynstr *d, const char *text, int n)
+{
+    if (changeable(d) == nullptr) {
+        return to_c(Result::invalid);
+    }
+    if (text == nullptr || *text == '\0' || n < 1) {
+        return to_c(Result::ok);
+    }
+    const ManagerLock lock("dynstr_addstring_size");
+    return to_c(append(lock.held(), *d, text, static_cast<u64>(n)));
+}
+}

@@ -1,0 +1,175 @@
+#include "dynstring/text_pool.h"
+
+#include "memmanager/trace.h"
+
+#include <memmanager/platform.h>
+#include <cstring>
+
+// What the memory manager asks of a string pool, with the manager lock held.
+namespace memm::strings {
+
+namespace {
+
+constexpr std::size_t kShownText = 47;
+
+u32 percent(u64 part, u64 whole) noexcept { return whole == 0 ? 0 : static_cast<u32>(part * 100 / whole); }
+
+u32 average(u32 total, u32 count) noexcept { return count == 0 ? 0 : total / count; }
+
+int buffer_number(const dynstr &record) noexcept
+{
+    return is_in_buffer(record) ? static_cast<int>(info_of(record).buffer()) : -1;
+}
+
+}  // namespace
+
+// A deleted record shows the text that it had.
+void print_record(void *object)
+{
+    const auto &record = *static_cast<const dynstr *>(object);
+    const StringInfo info = info_of(record);
+    const char *const text = record.str == nullptr ? "" : record.str;
+    const std::size_t length = std::strlen(text);
+    const bool fits = length <= kShownText;
+    dbg_printf(" - bnr=%d, maxsize=%d, size=%d, %s%sdata='%.*s%s'", buffer_number(record),
+               static_cast<int>(info.max_size()), static_cast<int>(info.size()), info.is_deleted() ? "deleted, " : "",
+               record.str == nullptr || info.is_literal() ? "literal, " : "", static_cast<int>(kShownText), text,
+               fits ? "" : "...");
+}
+
+int is_shown(void *object, int level)
+{
+    constexpr int kLiveOnly = 4;
+    if (object == nullptr) {
+        return (level & kLiveOnly) == 0 ? 1 : 0;
+    }
+    const bool deleted = info_of(*static_cast<const dynstr *>(object)).is_deleted();
+    return !deleted || (level & kLiveOnly) == 0 ? 1 : 0;
+}
+
+// An allocation that finds no record has each buffer compacted at most once.
+int collect_for_allocation(void *cookie, int attempt, int /*slot_size*/)
+{
+    auto &pool = *static_cast<TextPool *>(cookie);
+    if (attempt >= static_cast<int>(pool.bufcnt)) {
+        return 0;
+    }
+    compact(Held::by_caller(), pool, Reason::depleted);
+    return 1;
+}
+
+namespace {
+
+void print_summary(const TextPool &pool, memm_printf_fn print) noexcept
+{
+    print(" %-25s  gc_cnt:%u, tot/avg/max:%u/%u/%u dynstr, %u/%u/%u bytes\r\n", "", pool.gccnt, pool.gctotcnt,
+          average(pool.gctotcnt, pool.gccnt), pool.gcmaxcnt, pool.gctotbytes, average(pool.gctotbytes, pool.gccnt),
+          pool.gcmaxbytes);
+    for (u32 i = 0; i < pool.bufcnt && pool.gccnt != 0; ++i) {
+        const u32(&ran)[kReasons] = pool.gcreason[i];
+        print(" %16s %d, %s %3d%%/%3d%%/%3d%%\r\n", "- string buffer", static_cast<int>(i + 1),
+              "gc reason ctx_balance/ctx_depleted/buffer_full:", static_cast<int>(percent(ran[0], pool.gccnt)),
+              static_cast<int>(percent(ran[1], pool.gccnt)), static_cast<int>(percent(ran[2], pool.gccnt)));
+    }
+}
+
+void print_buffer(const TextPool &pool, u32 i, memm_printf_fn print) noexcept
+{
+    u32 listed = 0;
+    for (const dynstr *record = pool.first[i]; record != nullptr; record = record->next) {
+        ++listed;
+    }
+    const u32 live = pool.used[i] - pool.bufdelbytes[i];
+    print("\r\n  %s%13s %d, %12s %6d,%6d   %6d,%6d,%6d  ( %3d%%)   curr:%3d%% - %d", i == pool.curbuf ? "->" : "- ",
+          "string buffer", static_cast<int>(i + 1), "# used/del:", static_cast<int>(listed - pool.bufdelcnt[i]),
+          static_cast<int>(pool.bufdelcnt[i]), static_cast<int>(live), static_cast<int>(pool.peak[i]),
+          static_cast<int>(pool.bufsize), static_cast<int>(percent(pool.peak[i], pool.bufsize)),
+          static_cast<int>(percent(live, pool.bufsize)), static_cast<int>(pool.cnt[i]));
+}
+
+void print_detail(const TextPool &pool, int *live, int *peak, int *capacity, memm_printf_fn print) noexcept
+{
+    const bool failed = (pool.flags & TextPool::kRelocationFailed) != 0;
+    const u32 live_bytes = pool.usedbytes - pool.delbytes;
+    const u32 all_bytes = pool.bufsize * pool.bufcnt;
+    print("\r\n  - %d %-19s %7s %13d   %6d,%6d,%6d  (%s%3d%%)   curr:%3d%%", static_cast<int>(pool.bufcnt), "buffers",
+          "gc cnt:", static_cast<int>(pool.gccnt), static_cast<int>(live_bytes), static_cast<int>(pool.peakbytes),
+          static_cast<int>(all_bytes), failed ? ">" : " ",
+          static_cast<int>(failed ? 100 : percent(pool.peakbytes, all_bytes)),
+          static_cast<int>(percent(live_bytes, all_bytes)));
+    const auto add_to = [](int *total, u32 bytes) {
+        if (total != nullptr) {
+            *total = static_cast<int>(static_cast<u32>(*total) + bytes);
+        }
+    };
+    add_to(live, live_bytes);
+    add_to(peak, pool.peakbytes);
+    add_to(capacity, all_bytes);
+    for (u32 i = 0; i < pool.bufcnt; ++i) {
+        print_buffer(pool, i, print);
+    }
+}
+
+}  // namespace
+
+void print_usage(void *cookie, int *live, int *peak, int *capacity, memm_printf_fn print)
+{
+    const auto &pool = *static_cast<const TextPool *>(cookie);
+    if (live == nullptr) {
+        print_summary(pool, print);
+    } else {
+        print_detail(pool, live, peak, capacity, print);
+    }
+}
+
+namespace {
+
+void trace_failure(const char *text) noexcept
+{
+    if (is_traced(1)) {
+        trc_def_printf(text);
+    }
+}
+
+}  // namespace
+
+// An empty or literal record goes at once; one with a text in a buffer stays until that buffer is compacted. (A
+// compaction gives its records back without asking.)
+int release_record(void *object)
+{
+    if (object == nullptr) {
+        trace_failure("[DYNSTR] \"Failed to get buffer nr\"\r\n");
+    }
+    TextPool *const pool = owner_pool(object);
+    if (pool == nullptr) {
+        trace_failure("[DYNSTR] \"loc_dynstr_free_ex invalid param\"\r\n");
+        return MEMM_E_INVALID;
+    }
+    auto &record = *static_cast<dynstr *>(object);
+    if (!is_in_buffer(record)) {
+        return MEMM_OK;
+    }
+    if (info_of(record).is_deleted()) {
+        trace_failure("[DYNSTR] loc_dynstr_free_ex: dynstr is already freed\r\n");
+        return MEMM_E_INVALID;
+    }
+    mark_deleted(*pool, record);
+    return MEMM_KEPT;
+}
+
+void mark_deleted(TextPool &pool, dynstr &record) noexcept
+{
+    const StringInfo info = info_of(record);
+    const u32 buffer = info.buffer();
+    set_info(record, info.with_deleted());
+    pool.delbytes += info.size();
+    pool.bufdelbytes[buffer] += info.size();
+    add(pool.delcnt, 1);
+    ++pool.bufdelcnt[buffer];
+    dynstr *&lowest = pool.firstdel[buffer];
+    if (lowest == nullptr || lowest->str > record.str) {
+        lowest = &record;
+    }
+}
+
+}  // namespace memm::strings

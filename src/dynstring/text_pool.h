@@ -1,0 +1,105 @@
+#pragma once
+
+#include "dynstring/record.h"
+#include "memmanager/pool.h"
+
+#include <memmanager/dynstring.h>
+
+#include <cstddef>
+
+// A string pool is a pool of records whose cookie is a control block; the texts lie in up to four buffers:
+//
+//     buf[i]  |text\0|text\0|deleted\0|text\0|000000000000|      first[i] -> ... -> last[i]: the records in the order
+//                                            ^ used[i]           of their texts, deleted ones included
+//
+// New texts go to the fill position of the current buffer. A released record stays in its list, marked deleted, until
+// its buffer is compacted. Free space is zero at all times. The manager lock guards everything.
+namespace memm::strings {
+
+inline constexpr u32 kMaxBuffers = 4;
+
+// Why a compaction runs; counted each for itself.
+enum class Reason : u32 { balance, depleted, buffer_full };
+inline constexpr u32 kReasons = 3;
+
+struct TextPool {
+    static constexpr u32 kOutside = 0x80000000U;           // in flags: some record's text waits in an outside block
+    static constexpr u32 kRelocationFailed = 0x40000000U;  // in flags: a text found no room in any buffer
+
+    const char *name;
+    u32 poolid;
+    u32 bufcnt;
+    u32 curbuf;
+    u32 bufsize;
+    dynstr *spare;
+    u32 capacity;
+    int *pcurcnt;
+    int delcnt;  // the record pool's count_base
+    u32 delbytes;
+    u32 usedbytes;
+    u32 peakbytes;
+    u32 flags;
+    int gcrequest;  // the record pool's spare_flag
+    u32 balance_limit;
+    char *buf[kMaxBuffers];
+    dynstr *first[kMaxBuffers];
+    dynstr *last[kMaxBuffers];
+    dynstr *firstdel[kMaxBuffers];
+    u32 used[kMaxBuffers];
+    u32 cnt[kMaxBuffers];
+    u32 peak[kMaxBuffers];
+    u32 bufdelcnt[kMaxBuffers];
+    u32 bufdelbytes[kMaxBuffers];
+    u32 gccnt;
+    u32 gcreason[kMaxBuffers][kReasons];
+    u32 gcmaxcnt;
+    u32 gcmaxbytes;
+    u32 gctotcnt;
+    u32 gctotbytes;
+
+    char *fill_position() const noexcept { return buf[curbuf] + used[curbuf]; }
+    u32 room() const noexcept { return bufsize - used[curbuf]; }
+};
+
+static_assert(sizeof(void *) != 4 || sizeof(TextPool) == 272);
+
+// The control block of a string pool; null for every other pool, whatever its cookie is.
+TextPool *text_pool_of(const Pool &pool) noexcept;
+TextPool *text_pool(PoolId id) noexcept;
+
+// The control block of the pool whose record this is; null for every other pointer. Deleted records have one too.
+TextPool *owner_pool(const void *record) noexcept;
+
+// As dynstr_isdynstring(): a record of a string pool, not deleted.
+bool is_string(const void *record) noexcept;
+
+// --- start and creation (pools.cpp) ---
+
+Result start(int count) noexcept;
+
+// --- hooks of the record pools (hooks.cpp) ---
+
+void print_record(void *object);
+int is_shown(void *object, int level);
+int collect_for_allocation(void *cookie, int attempt, int slot_size);
+void print_usage(void *cookie, int *live, int *peak, int *capacity, memm_printf_fn print);
+int release_record(void *object);
+
+// The text of any pointer, or what stands for it.
+const char *text_of(const void *record) noexcept;
+
+// --- compaction and check (compact.cpp, check.cpp) ---
+
+void compact(Held, TextPool &pool, Reason reason) noexcept;
+
+// The record's text becomes garbage. It is in a buffer and not deleted.
+void mark_deleted(TextPool &pool, dynstr &record) noexcept;
+
+bool pool_is_sound(Held, PoolId id) noexcept;
+
+// --- messages that several operations share ---
+
+void trace_bad_pool(const char *function) noexcept;    // "invalid poolid passed", level 2
+void trace_bad_string(const char *function) noexcept;  // "invalid dynstring passed", level 2
+
+}  // namespace memm::strings
