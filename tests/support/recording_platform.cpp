@@ -34,9 +34,9 @@ std::string format_text(const char *format, va_list arguments)
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, format, again);
     va_end(again);
-    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    return text;
+    std::string result(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    std::vsnprintf(result.data(), result.size() + 1, format, arguments);
+    return result;
 }
 
 int capture_debug(const char *format, va_list arguments)
@@ -62,6 +62,15 @@ Recorder &recorder()
     return *the_one;
 }
 
+std::string text(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    std::string result = format_text(format, arguments);
+    va_end(arguments);
+    return result;
+}
+
 int scaled(int rounds)
 {
     const char *percent = std::getenv("MEMM_TEST_SCALE");
@@ -72,9 +81,9 @@ int scaled(int rounds)
 
 void Recorder::print(std::string Recorder::*channel, const char *format, va_list arguments)
 {
-    const std::string text = format_text(format, arguments);
+    const std::string more = format_text(format, arguments);
     const std::lock_guard guard(mutex_);
-    this->*channel += text;
+    this->*channel += more;
 }
 
 void Recorder::report(unsigned code, int severity, const char *module, const char *file, int line, const char *message)

@@ -108,5 +108,8 @@ private:
 
 Recorder &recorder();
 
+// As sprintf.
+[[gnu::format(printf, 1, 2)]] std::string text(const char *format, ...);
+
 // Rounds of a long random test: a part of them where MEMM_TEST_SCALE says so, in percent.
 int scaled(int rounds);
