@@ -22,7 +22,9 @@ Pool *pool_containing(const void *object) noexcept
 
 int slot_number(const Pool &pool, const void *object) noexcept
 {
-    return static_cast<int>(registry.aid(id_of(pool)).number_of(pool, slot_before(object)));
+    const auto distance = static_cast<std::intptr_t>(reinterpret_cast<std::uintptr_t>(slot_before(object)) -
+                                                     reinterpret_cast<std::uintptr_t>(pool.slots));
+    return static_cast<int>(distance / static_cast<std::intptr_t>(pool.slot_size));
 }
 
 namespace {
@@ -31,12 +33,7 @@ namespace {
 int index_of(Held, const void *object) noexcept
 {
     const Pool *const pool = pool_named_by(object);
-    if (pool == nullptr || !has_slots(*pool)) {
-        return 0;
-    }
-    const auto distance = static_cast<std::intptr_t>(reinterpret_cast<std::uintptr_t>(slot_before(object)) -
-                                                     reinterpret_cast<std::uintptr_t>(pool->slots));
-    return static_cast<int>(distance / static_cast<std::intptr_t>(pool->slot_size));
+    return pool == nullptr || !has_slots(*pool) ? 0 : slot_number(*pool, object);
 }
 
 // Without the lock: a pool that is being made has no slots yet, or only free ones.
@@ -77,12 +74,9 @@ void *first_object(Held, PoolId id) noexcept
 // Null, too, for a pointer that is not the start of an object.
 void *object_after(Held, const void *object) noexcept
 {
-    const Pool *const pool = pool_containing(object);
-    unsigned char *const slot = slot_before(object);
-    if (pool == nullptr || !registry.aid(id_of(*pool)).is_slot(*pool, slot)) {
-        return nullptr;
-    }
-    return object_of(in_use_after(*pool, slot));
+    const Pool *const pool = pool_named_by(object);
+    return pool == nullptr || owner_of(object) == nullptr ? nullptr
+                                                          : object_of(in_use_after(*pool, slot_before(object)));
 }
 
 // The objects reached, with the one at which `visit` stopped. Deliberate: without a callback the first one counts.

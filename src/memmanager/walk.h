@@ -19,7 +19,7 @@ template <typename Visit> void walk(Held, const Pool &pool, Visit visit) noexcep
 // start of a slot is not looked at.
 Pool *pool_containing(const void *object) noexcept;
 
-// The number of the slot that an object of such a pool lies in.
+// The number of the slot that an object lies in, counted on beyond the ends; the pool has slots.
 int slot_number(const Pool &pool, const void *object) noexcept;
 
 }  // namespace memm
