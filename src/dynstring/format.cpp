@@ -1,3 +1,7 @@
+// A format may do all that the C library knows: "%n" into a format that lies in writable memory must not end the
+// process, as the checking variant of vsnprintf would.
+#undef _FORTIFY_SOURCE
+
 #include "dynstring/format.h"
 
 #include "dynstring/create.h"
@@ -6,6 +10,7 @@
 
 #include <memmanager/platform.h>
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 
@@ -20,27 +25,35 @@ u64 print_once(char *room, u64 size, const char *format, std::va_list arguments)
     va_copy(copy, arguments);
     const int length = std::vsnprintf(room, static_cast<std::size_t>(size), format, copy);
     va_end(copy);
-    if (length < 0 && size > 0) {
+    if (length < 0) {
         std::memset(room, 0, static_cast<std::size_t>(size));
+        return 0;
     }
-    return length < 0 ? 0 : static_cast<u64>(length);
+    return static_cast<u64>(length);
 }
 
-// The text ends at its first zero, which "%c" can print anywhere; what was printed behind it is cleared.
-u32 end_text(char *room, u64 printed) noexcept
+// The size of a text of that many printed characters. It ends at its first zero, which "%c" can print anywhere; what
+// was printed behind it is cleared.
+u32 end_text(char *text, u64 printed) noexcept
 {
-    const auto *const zero = static_cast<const char *>(std::memchr(room, 0, static_cast<std::size_t>(printed)));
+    auto *const zero = static_cast<char *>(std::memchr(text, 0, static_cast<std::size_t>(printed)));
     if (zero == nullptr) {
         return static_cast<u32>(printed + 1);
     }
-    const auto length = static_cast<u64>(zero - room);
-    std::memset(room + length, 0, static_cast<std::size_t>(printed - length));
-    return static_cast<u32>(length + 1);
+    std::memset(zero, 0, static_cast<std::size_t>(text + printed - zero));
+    return static_cast<u32>(zero - text + 1);
+}
+
+Result finish_printed(Rewrite &rewrite, char *text, u64 printed) noexcept
+{
+    const u32 size = end_text(text, printed);
+    rewrite.wrote(size, size);
+    return rewrite.finish();
 }
 
 }  // namespace
 
-// Straight into the free space of the current buffer when the text fits there, at its limit at the latest; else a
+// Straight into the free space of the current buffer when the text fits there, or is cut there by its limit; else a
 // second time, into a block of its exact size.
 Result print_to(Held held, TextPool &pool, dynstr &record, const char *format, std::va_list arguments) noexcept
 {
@@ -50,19 +63,12 @@ Result print_to(Held held, TextPool &pool, dynstr &record, const char *format, s
     }
     const u64 max = rewrite.max_size();
     const bool limited = max != 0 && pool.room() >= max;
-    const u64 room = limited ? max : pool.room();
-    char measured_only = '\0';
-    char *text = room == 0 ? &measured_only : pool.fill_position();
+    const u64 room = limited ? max : std::min(pool.room(), kMaxTextSize);
+    char only_measured = '\0';
+    char *const text = room == 0 ? &only_measured : rewrite.make_room(room, room);
     u64 length = print_once(text, std::max<u64>(room, 1), format, arguments);
-    if (room != 0 && (length < room || limited)) {
-        length = std::min(length, room - 1);
-        if (rewrite.make_room(length + 1, length + 1) != nullptr) {
-            const u32 size = end_text(text, length);
-            rewrite.wrote(size, size);
-        } else {
-            std::memset(text, 0, static_cast<std::size_t>(length));
-        }
-        return rewrite.finish();
+    if (room != 0 && (limited || length < room)) {
+        return finish_printed(rewrite, text, std::min(length, room - 1));
     }
     if (room != 0) {
         std::memset(text, 0, static_cast<std::size_t>(room));
@@ -70,24 +76,51 @@ Result print_to(Held held, TextPool &pool, dynstr &record, const char *format, s
     if (max != 0) {
         length = std::min(length, max - 1);
     }
-    text = rewrite.make_room_outside(length + 1, length + 1);
-    if (text != nullptr) {
-        print_once(text, length + 1, format, arguments);
-        const u32 size = end_text(text, length);
-        rewrite.wrote(size, size);
+    char *const outside = rewrite.make_room_outside(length + 1, length + 1);
+    if (outside == nullptr) {
+        return rewrite.finish();
+    }
+    print_once(outside, length + 1, format, arguments);
+    return finish_printed(rewrite, outside, length);
+}
+
+Result place_text(Held held, TextPool &pool, dynstr &record, std::string_view text) noexcept
+{
+    Rewrite rewrite(held, pool, record);
+    if (!rewrite.set_aside()) {
+        return Result::no_memory;
+    }
+    const u64 whole = u64{text.size()} + 1;
+    const u64 size = rewrite.max_size() != 0 ? std::min<u64>(whole, rewrite.max_size()) : whole;
+    if (char *const room = rewrite.make_room(size, size); room != nullptr) {
+        const auto length = static_cast<std::size_t>(size) - 1;
+        std::memcpy(room, text.data(), length);
+        room[length] = '\0';
+        rewrite.wrote(static_cast<u32>(size), static_cast<u32>(size));
     }
     return rewrite.finish();
 }
 
 namespace {
 
-constexpr char kDigits[] = "0123456789abcdef";
+struct DigitPair {
+    char digits[2];
+};
+
+constexpr std::array<DigitPair, 256> kPairs = [] {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::array<DigitPair, 256> pairs{};
+    for (unsigned byte = 0; byte < pairs.size(); ++byte) {
+        pairs[byte] = {{kDigits[byte >> 4], kDigits[byte & 15]}};
+    }
+    return pairs;
+}();
 
 void write_digits(char *text, const unsigned char *bytes, u64 count) noexcept
 {
-    for (u64 i = 0; i < count; ++i) {
-        *text++ = kDigits[bytes[i] >> 4];
-        *text++ = kDigits[bytes[i] & 15];
+    for (const unsigned char *const end = bytes + count; bytes != end; ++bytes) {
+        std::memcpy(text, &kPairs[*bytes], sizeof(DigitPair));
+        text += sizeof(DigitPair);
     }
     *text = '\0';
 }
@@ -116,24 +149,56 @@ Result write_hex(Held held, TextPool &pool, dynstr &record, const unsigned char 
 
 namespace {
 
-dynstr *create_printed(Held held, unsigned poolid, const char *format, std::va_list arguments) noexcept
+// What dynstr_sprintf() does, whatever writes the text.
+template <typename Write> Result set_by(dynstr *d, Write write) noexcept
 {
-    const PoolId id{poolid};
-    return create_with(held, allocate_without_gc(held, id),
-                       [&](dynstr &record) { return print_to(held, *text_pool(id), record, format, arguments); });
+    if (d == nullptr) {
+        return Result::invalid;
+    }
+    if (!is_string(d)) {
+        if (is_traced(2)) {
+            trc_def_printf("[DYNSTR] dynstr_sprintf: invalid dynstr passed\r\n");
+        }
+        return Result::invalid;
+    }
+    const ManagerLock lock("dynstr_sprintf");
+    TextPool *const pool = changeable(d);
+    return pool == nullptr ? Result::invalid : write(lock.held(), *pool);
 }
 
-// Both constructors ask this before they take the lock.
-bool may_print(unsigned poolid, const char *format, const char *function) noexcept
+// The constructors ask for their pool before they take the lock.
+TextPool *pool_for(const char *function, unsigned poolid) noexcept
 {
-    if (text_pool(PoolId{poolid}) == nullptr) {
+    TextPool *const pool = text_pool(PoolId{poolid});
+    if (pool == nullptr) {
         trace_bad_pool(function);
-        return false;
     }
-    return format != nullptr;
+    return pool;
+}
+
+// The lock's tag is the function.
+template <typename Write> dynstr *create_by(const char *function, TextPool &pool, Write write) noexcept
+{
+    const ManagerLock lock(function);
+    const Held held = lock.held();
+    return create_with(held, allocate_without_gc(held, PoolId{pool.poolid}),
+                       [&](dynstr &record) { return write(held, record); });
 }
 
 }  // namespace
+
+Result set_printed(dynstr *d, std::string_view text) noexcept
+{
+    return set_by(d, [&](Held held, TextPool &pool) { return place_text(held, pool, *d, text); });
+}
+
+dynstr *create_printed(unsigned poolid, std::string_view text) noexcept
+{
+    TextPool *const pool = pool_for("dynstr_fromprintf", poolid);
+    return pool == nullptr ? nullptr : create_by("dynstr_fromprintf", *pool, [&](Held held, dynstr &record) {
+        return place_text(held, *pool, record, text);
+    });
+}
 
 }  // namespace memm::strings
 
@@ -144,59 +209,47 @@ extern "C" {
 
 unsigned dynstr_sprintf(dynstr *d, const char *format, ...)
 {
-    if (d == nullptr || format == nullptr) {
-        return to_c(Result::invalid);
-    }
-    if (!is_string(d)) {
-        if (is_traced(2)) {
-            trc_def_printf("[DYNSTR] dynstr_sprintf: invalid dynstr passed\r\n");
-        }
-        return to_c(Result::invalid);
-    }
-    const ManagerLock lock("dynstr_sprintf");
-    TextPool *const pool = changeable(d);
-    if (pool == nullptr) {
+    if (format == nullptr) {
         return to_c(Result::invalid);
     }
     va_list arguments;
     va_start(arguments, format);
-    const Result result = print_to(lock.held(), *pool, *d, format, arguments);
+    const Result result =
+        set_by(d, [&](Held held, TextPool &pool) { return print_to(held, pool, *d, format, arguments); });
     va_end(arguments);
     return to_c(result);
 }
 
 dynstr *dynstr_fromprintf(unsigned poolid, const char *format, ...)
 {
-    if (!may_print(poolid, format, "dynstr_fromprintf")) {
+    TextPool *const pool = pool_for("dynstr_fromprintf", poolid);
+    if (pool == nullptr || format == nullptr) {
         return nullptr;
     }
     va_list arguments;
     va_start(arguments, format);
-    const ManagerLock lock("dynstr_fromprintf");
-    dynstr *const record = create_printed(lock.held(), poolid, format, arguments);
+    dynstr *const printed = create_by("dynstr_fromprintf", *pool, [&](Held held, dynstr &record) {
+        return print_to(held, *pool, record, format, arguments);
+    });
     va_end(arguments);
-    return record;
+    return printed;
 }
 
 dynstr *dynstr_fromvprintf(unsigned poolid, const char *format, va_list arguments)
 {
-    if (!may_print(poolid, format, "dynstr_fromvprintf")) {
+    TextPool *const pool = pool_for("dynstr_fromvprintf", poolid);
+    if (pool == nullptr || format == nullptr) {
         return nullptr;
     }
-    const ManagerLock lock("dynstr_fromvprintf");
-    return create_printed(lock.held(), poolid, format, arguments);
+    return create_by("dynstr_fromvprintf", *pool,
+                     [&](Held held, dynstr &record) { return print_to(held, *pool, record, format, arguments); });
 }
 
 dynstr *dynstr_hexstringfromdata(unsigned poolid, const unsigned char *bytes, int count)
 {
-    const PoolId id{poolid};
-    if (text_pool(id) == nullptr) {
-        trace_bad_pool("dynstr_hexstringfromdata");
-        return nullptr;
-    }
-    const ManagerLock lock("dynstr_hexstringfromdata");
-    const Held held = lock.held();
-    return create_with(held, allocate_without_gc(held, id),
-                       [&](dynstr &record) { return write_hex(held, *text_pool(id), record, bytes, count); });
+    TextPool *const pool = pool_for("dynstr_hexstringfromdata", poolid);
+    return pool == nullptr ? nullptr : create_by("dynstr_hexstringfromdata", *pool, [&](Held held, dynstr &record) {
+        return write_hex(held, *pool, record, bytes, count);
+    });
 }
 }
