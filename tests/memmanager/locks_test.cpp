@@ -7,6 +7,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <random>
+#include <thread>
 
 namespace {
 
@@ -172,6 +173,38 @@ TEST(locks, the_51st_works_without_being_listed)
     for (LOCK &lock : locks) {
         EXPECT_EQ(lock_unlock(&lock), 0);
     }
+}
+
+TEST(locks, count_exactly_while_others_read_the_table_and_set_the_filter)
+{
+    Registered lock("shared");
+    const int rounds = scaled(4000);
+    std::vector<std::thread> takers;
+    long guarded = 0;
+    for (int i = 0; i < 4; ++i) {
+        takers.emplace_back([&] {
+            for (int round = 0; round < rounds; ++round) {
+                EXPECT_EQ(lock_lock(&lock, 0, "taker"), 1);
+                ++guarded;
+                EXPECT_EQ(lock_lock(&lock, 0, "taker"), 2);
+                lock_unlock(&lock);
+                lock_unlock(&lock);
+            }
+        });
+    }
+    for (int i = 0; i < 100; ++i) {
+        lock_print_allstats();
+        lock_settrace(i % 2 == 0 ? "shared" : "", i % 3);
+        EXPECT_GE(lock_gettrace("shared", 0), 1);
+    }
+    for (std::thread &taker : takers) {
+        taker.join();
+    }
+    EXPECT_EQ(guarded, 4L * rounds);
+    EXPECT_EQ(lock.lock_count, 8U * static_cast<unsigned>(rounds));
+    EXPECT_EQ(lock.depth, 0);
+    EXPECT_LE(lock.wait_count, lock.lock_count);
+    EXPECT_GE(lock.total_wait, lock.max_wait);
 }
 
 TEST(trace_switches, select_by_level_and_by_the_locks_name)
