@@ -4,6 +4,7 @@
 #include "base/ids.h"
 #include "base/shared_word.h"
 
+#include <cstdint>
 #include <type_traits>
 
 // The word in front of every object:
@@ -55,7 +56,11 @@ static_assert(sizeof(ObjectHeader) == 4 && std::is_trivially_copyable_v<ObjectHe
 
 inline constexpr unsigned kHeaderBytes = sizeof(ObjectHeader);
 
-inline unsigned char *slot_of(void *object) noexcept { return static_cast<unsigned char *>(object) - kHeaderBytes; }
+// Of any pointer that a caller passes, so the address is worked out as a number.
+inline unsigned char *slot_of(void *object) noexcept
+{
+    return reinterpret_cast<unsigned char *>(reinterpret_cast<std::uintptr_t>(object) - kHeaderBytes);
+}
 
 inline void *object_in(unsigned char *slot) noexcept { return slot + kHeaderBytes; }
 

@@ -1,0 +1,156 @@
+#include "support/file_calls.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+FileFaults file_faults;
+std::atomic<unsigned> dumps_opened{0};
+
+namespace {
+
+char folder[64];  // empty: paths are left alone
+std::atomic<int> dump_file{-1};
+unsigned writes;
+unsigned long written_bytes;
+
+constexpr const char *kDiverted[] = {"/etc/config/", "/tmp/memm_dump_", "/var/tmp/memm_"};
+
+struct RealPath {
+    char text[256];
+    bool is_diverted = false;
+
+    explicit RealPath(const char *name)
+    {
+        for (const char *prefix : kDiverted) {
+            is_diverted = is_diverted || (*folder != '\0' && std::strncmp(name, prefix, std::strlen(prefix)) == 0);
+        }
+        const std::size_t lead = is_diverted ? std::strlen(folder) : 0;
+        std::memcpy(text, folder, lead);
+        std::strncpy(text + lead, name, sizeof text - lead - 1);
+        text[sizeof text - 1] = '\0';
+    }
+};
+
+bool fails(int file, int error)
+{
+    if (file != dump_file || error == 0) {
+        return false;
+    }
+    errno = error;
+    return true;
+}
+
+}  // namespace
+
+OwnFolder::OwnFolder()
+{
+    char name[] = "/tmp/memm_test_XXXXXX";
+    for (const char *part : {"", "/etc/config", "/tmp", "/var/tmp"}) {
+        std::filesystem::create_directories((*part == '\0' ? mkdtemp(name) : name) + std::string(part));
+    }
+    std::filesystem::permissions(name, std::filesystem::perms(0755));
+    std::memcpy(folder, name, sizeof name);
+}
+
+OwnFolder::~OwnFolder()
+{
+    const std::string name = folder;
+    *folder = '\0';
+    std::filesystem::remove_all(name);
+}
+
+std::string OwnFolder::path(const std::string &name) const { return folder + name; }
+std::string OwnFolder::usage_path() const { return usage_path(getpid()); }
+std::string OwnFolder::contents_path() const { return contents_path(getpid()); }
+void OwnFolder::order(const std::string &lines) const { write_file(path("/etc/config/memm_dump_pools"), lines); }
+
+std::string content_of(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "-";
+}
+
+void write_file(const std::string &path, const std::string &content)
+{
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+// --- the calls; each does its work by another one that the library does not use ---
+
+extern "C" {
+
+int open(const char *name, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    const RealPath path(name);
+    const int file = openat(AT_FDCWD, path.text, flags, mode);
+    if (file >= 0 && path.is_diverted && (flags & O_ACCMODE) == O_WRONLY) {
+        dump_file = file;
+        writes = 0;
+        written_bytes = 0;
+        ++dumps_opened;
+    }
+    return file;
+}
+
+int unlink(const char *name) noexcept { return unlinkat(AT_FDCWD, RealPath(name).text, 0); }
+
+int fstat(int file, struct stat *status) noexcept
+{
+    return fails(file, file_faults.fstat_error) ? -1 : fstatat(file, "", status, AT_EMPTY_PATH);
+}
+
+int ftruncate(int file, off_t length) noexcept
+{
+    const std::string by_number = "/proc/self/fd/" + std::to_string(file);
+    return fails(file, file_faults.ftruncate_error) ? -1 : truncate(by_number.c_str(), length);
+}
+
+ssize_t write(int file, const void *bytes, size_t count)
+{
+    if (file == dump_file) {
+        if (file_faults.interrupt_every != 0 && ++writes % file_faults.interrupt_every == 0) {
+            errno = EINTR;
+            return -1;
+        }
+        if (file_faults.write_error != 0) {
+            if (written_bytes >= file_faults.room) {
+                errno = file_faults.write_error;
+                return -1;
+            }
+            count = std::min(count, file_faults.room - written_bytes);
+        }
+        if (file_faults.write_most != 0) {
+            count = std::min<std::size_t>(count, file_faults.write_most);
+        }
+        written_bytes += count;
+    }
+    return syscall(SYS_write, file, bytes, count);
+}
+
+int close(int file)
+{
+    const bool failing = fails(file, file_faults.close_error);
+    const int error = errno;
+    if (file == dump_file) {
+        dump_file = -1;
+    }
+    const auto result = static_cast<int>(syscall(SYS_close, file));
+    errno = failing ? error : errno;
+    return failing ? -1 : result;
+}
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+
+// Stands between the library and the files that it names: /etc/config/*, /tmp/memm_dump_* and /var/tmp/memm_* lead into
+// a folder of the test's own while there is one, and calls on the dump file fail on demand. Usable in a handler.
+class OwnFolder {
+public:
+    OwnFolder();
+    ~OwnFolder();
+    OwnFolder(const OwnFolder &) = delete;
+    OwnFolder &operator=(const OwnFolder &) = delete;
+
+    // Where the library's file of this name really is.
+    std::string path(const std::string &name) const;
+    std::string usage_path(int pid) const { return path("/var/tmp/memm_" + std::to_string(pid)); }
+    std::string contents_path(int pid) const { return path("/tmp/memm_dump_" + std::to_string(pid)); }
+    std::string usage_path() const;  // of this process
+    std::string contents_path() const;
+    void order(const std::string &lines) const;  // writes /etc/config/memm_dump_pools
+};
+
+std::string content_of(const std::string &path);  // "-" when there is no such file
+void write_file(const std::string &path, const std::string &content);
+
+// What calls on the dump file that is being written do; 0: nothing special. Errors are values of errno.
+struct FileFaults {
+    int fstat_error, ftruncate_error, close_error, write_error;
+    unsigned long write_most;  // bytes that one write takes
+    unsigned long room;        // bytes written before write_error comes
+    unsigned interrupt_every;  // every n-th write is interrupted
+};
+extern FileFaults file_faults;
+extern std::atomic<unsigned> dumps_opened;  // how often a dump file was opened for writing
