@@ -33,9 +33,11 @@ TEST(locks, count_nested_holds_and_name_no_owner)
     EXPECT_EQ(lock.owner, -1);
     EXPECT_EQ(lock.lock_count, 3U);
     EXPECT_EQ(lock.wait_count, 0U);
+    lock.owner = 7;
     for (int depth = 2; depth >= 0; --depth) {
         EXPECT_EQ(lock_unlock(&lock), 0);
         EXPECT_EQ(lock.depth, depth);
+        EXPECT_EQ(lock.owner, depth > 0 ? 7 : -1);
     }
     EXPECT_NE(lock_unlock(&lock), 0) << "the platform's answer";
     EXPECT_EQ(lock.depth, -1);
@@ -122,6 +124,7 @@ TEST(locks, table_shows_every_record_in_both_forms)
 
     lock_clear_allstats();
     EXPECT_EQ(held.depth, 1);
+    EXPECT_EQ(held.total_wait + held.max_wait, 0U);
     lock_print_stats(&held, 0);
     EXPECT_EQ(
         recorder().take_debug(),

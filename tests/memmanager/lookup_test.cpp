@@ -165,6 +165,8 @@ TEST(lookup, no_pointer_and_no_id_crashes_or_passes_for_an_object)
     auto *const guarded =
         static_cast<unsigned char *>(mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     unsigned stack[4] = {pool, pool, bare, 0};  // as if objects of these pools stood here
+    static unsigned below_the_heap[2];
+    below_the_heap[0] = pool;
 
     Objects bad = {nullptr,
                    released,
@@ -172,6 +174,7 @@ TEST(lookup, no_pointer_and_no_id_crashes_or_passes_for_an_object)
                    guarded,
                    guarded + 4,
                    guarded + 4096,
+                   &below_the_heap[1],
                    &stack[1],
                    &stack[2],
                    &stack[3],
@@ -192,6 +195,7 @@ TEST(lookup, no_pointer_and_no_id_crashes_or_passes_for_an_object)
     // Deliberate: neither the slot's boundary nor its use is looked at. A walk does not go on from there.
     reinterpret_cast<unsigned *>(object)[1] = pool;
     memm_calloc(pool);
+    void *const third = memm_calloc(pool);
     EXPECT_EQ(memm_isvalidobj(object + 8), 1);
     EXPECT_EQ(memm_getnext(object + 8), nullptr);
     EXPECT_NE(memm_getnext(object), nullptr);
@@ -201,6 +205,8 @@ TEST(lookup, no_pointer_and_no_id_crashes_or_passes_for_an_object)
     EXPECT_EQ(memm_getobject_byindex(pool, -1), nullptr);
     header_of(object) |= 0x05800000;  // tag and references
     EXPECT_EQ(memm_getobject_byindex(pool, 0), object);
+    header_of(third) = other;
+    EXPECT_EQ(memm_getobject_byindex(pool, 2), nullptr);
     for (const unsigned id : {bare, bare + 1, 0x7fffffU, 0xffffffffU}) {
         EXPECT_EQ(memm_getfirst(id), nullptr);
         EXPECT_EQ(memm_getobject_byindex(id, 0), nullptr);

@@ -112,6 +112,7 @@ TEST(timing_report, shows_the_counters_by_path)
 
     memm_clear_timestats();
     EXPECT_EQ(recorder().take_tags(), std::vector<std::string>{});
+    EXPECT_EQ(pool->scan_steps + pool->free_time + pool->alloc_time[0] + pool->alloc_time_max[0], 0U);
     memm_print_timestats(nullptr);
     EXPECT_EQ(recorder().take_debug(), " pool name                  alloc cnt: total/avg/max (msec)     \r\n"
                                        " ---------                  ------------------------------      \r\n"

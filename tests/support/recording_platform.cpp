@@ -338,7 +338,7 @@ unsigned vemo_t_ident(int, int, int *id)
 
 unsigned xt_getname(int id, char *name)
 {
-    std::memcpy(name, id == 4711 ? "TEST" : "????", 4);
+    std::strcpy(name, id == 4711 ? "TEST and more" : "????");  // four characters are asked for
     return 0;
 }
 
