@@ -131,26 +131,12 @@ static void reach_every_operation(void)
     lock_unlock(&lock);
     lock_print_allstats();
     timestat_starttime(&watch);
-#ifdef WITH_STRINGS
-    unsigned seconds = 0;
+    unsigned seconds = 1;
     const unsigned pool = (unsigned)dynstr_initpool("strings", 8, 64);
     dynstr *date = dynstr_calloc(pool);
-    dynstr_setutcdatetime(date, 0);
+    dynstr_setutcdatetime(date, seconds);
     dynstr_getutcdatetime(date, &seconds);
     dynstr_sprintf(date, "%0100d", 0); /* more than the buffer holds: an outside block */
-#else
-    /* nothing in this library calls these */
-    void *block;
-    unsigned seconds;
-    int number;
-    xtm_date date = {0};
-    xm_getmem(1, &block);
-    xm_retmem(block);
-    xtm_time_date_struct(&date, 0, 0, 1);
-    xtm_time_date_struct_to_seconds(&seconds, &date);
-    xtm_gettimezone(&number);
-    xtm_getdaylightsaving(&number);
-#endif
 }
 
 int main(void)
