@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include <sys/prctl.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -74,12 +74,11 @@ TEST(futex_lock, keeps_threads_apart_and_wakes_every_waiter)
     EXPECT_TRUE(lock.is_free());
 }
 
-// ---- signals
-// -----------------------------------------------------------------------------------------------------------
+// ---- signals ----
 
 FutexLock shared_lock;
 long by_threads, by_handlers;  // each is written under the lock, and a handler never interrupts a handler of its thread
-std::atomic<long> handled;
+std::atomic<long> handled, timed_after;
 
 void take_in_handler(int)
 {
@@ -91,38 +90,17 @@ void take_in_handler(int)
     handled.fetch_add(1);
 }
 
-// A process of its own sends the signals, so that the tested one may have a single thread.
-class SignalStorm {
-    pid_t sender_;
-
-public:
-    SignalStorm()
-    {
-        by_threads = by_handlers = handled = 0;
-        struct sigaction action {};
-        action.sa_handler = take_in_handler;
-        action.sa_flags = SA_RESTART;
-        sigaction(SIGUSR1, &action, nullptr);
-        const pid_t target = getpid();
-        sender_ = fork();
-        if (sender_ == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            while (getppid() == target && kill(target, SIGUSR1) == 0)
-                ;
-            _exit(0);
-        }
-    }
-    ~SignalStorm()
-    {
-        kill(sender_, SIGKILL);
-        waitpid(sender_, nullptr, 0);
-    }
-};
-
+// Takes and releases the lock while signals come, the next one timed when the last one was seen, so that they never
+// come faster than the machine can handle them. Answers how often the lock was taken.
 long take_until_handled(long signals)
 {
     long rounds = 0;
-    for (; handled.load() < signals; ++rounds) {
+    for (long seen = 0; seen < signals; ++rounds) {
+        seen = handled;
+        if (timed_after.exchange(seen) != seen) {
+            const itimerval soon{{0, 0}, {0, 1 + rounds % 7}};
+            setitimer(ITIMER_REAL, &soon, nullptr);
+        }
         shared_lock.take();
         by_threads = by_threads + 1;
         if (rounds % 3 == 0) {
@@ -130,35 +108,41 @@ long take_until_handled(long signals)
             shared_lock.release();
         }
         shared_lock.release();
-        if (rounds % 4096 == 0)
-            usleep(1);  // ThreadSanitizer delivers signals only inside of library calls
     }
     return rounds;
 }
 
+void catch_alarms()
+{
+    struct sigaction action {};
+    action.sa_handler = take_in_handler;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGALRM, &action, nullptr);
+    by_threads = by_handlers = handled = 0;
+    timed_after = -1;
+}
+
 TEST(futex_lock, may_be_taken_in_a_handler_at_any_instruction_of_the_only_thread)
 {
-    const SignalStorm storm;
+    catch_alarms();
     EXPECT_EQ(take_until_handled(scaled(100000)), by_threads);
     EXPECT_TRUE(shared_lock.is_free());
 }
 
 TEST(futex_lock, may_be_taken_in_a_handler_at_any_instruction_of_many_threads)
 {
+    catch_alarms();
     std::atomic<long> rounds{0};
-    {
-        const SignalStorm storm;
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 3; ++i)
-            threads.emplace_back([&] { rounds += take_until_handled(scaled(100000)); });
-        sigset_t blocked;  // in this thread, so that the kernel picks the others in turn
-        sigemptyset(&blocked);
-        sigaddset(&blocked, SIGUSR1);
-        pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
-        for (auto &thread : threads)
-            thread.join();
-        pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
-    }
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back([&] { rounds += take_until_handled(scaled(100000)); });
+    sigset_t alarm;  // blocked in this thread, so that the kernel picks the others in turn
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
+    for (auto &thread : threads)
+        thread.join();
+    pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
     EXPECT_EQ(by_threads, rounds);
     EXPECT_EQ(by_handlers, handled);
     EXPECT_TRUE(shared_lock.is_free());
