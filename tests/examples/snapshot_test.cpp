@@ -1,0 +1,152 @@
+// The examples are run as a reader would run them. Where the target's programs cannot be started directly, as with an
+// emulator, these tests are skipped.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <regex.h>
+#include <spawn.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#ifdef MEMM_EXAMPLES_DIR
+
+namespace {
+
+testing::AssertionResult contains(const std::string &text, const char *pattern)
+{
+    regex_t expression;
+    EXPECT_EQ(regcomp(&expression, pattern, REG_EXTENDED | REG_NOSUB), 0) << pattern;
+    const bool found = regexec(&expression, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&expression);
+    return found ? testing::AssertionSuccess() : testing::AssertionFailure() << pattern << "\nis not in\n" << text;
+}
+
+class Example {
+    FILE *output_ = nullptr;
+    pid_t pid_ = -1;
+
+public:
+    explicit Example(const std::string &name, const char *argument = nullptr)
+    {
+        const std::string path = std::string(MEMM_EXAMPLES_DIR "/") + name;
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(pipe(ends), 0);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+        posix_spawn_file_actions_addclose(&actions, ends[0]);
+        char *const arguments[] = {const_cast<char *>(path.c_str()), const_cast<char *>(argument), nullptr};
+        if (posix_spawn(&pid_, path.c_str(), &actions, nullptr, arguments, environ) != 0) {
+            pid_ = -1;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        close(ends[1]);
+        output_ = fdopen(ends[0], "r");
+    }
+    ~Example() { std::fclose(output_); }
+    Example(const Example &) = delete;
+    Example &operator=(const Example &) = delete;
+
+    bool runs() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
+
+    // Up to the end, or to the line that holds this text.
+    std::string read_until(const char *text)
+    {
+        std::string all;
+        char line[512];
+        while (std::fgets(line, sizeof line, output_) != nullptr) {
+            all += line;
+            if (text != nullptr && std::string(line).find(text) != std::string::npos) {
+                break;
+            }
+        }
+        return all;
+    }
+
+    int exit_status()
+    {
+        int status = -1;
+        waitpid(pid_, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+};
+
+std::string take_file(const std::string &prefix, pid_t pid)
+{
+    const std::string name = prefix + std::to_string(pid);
+    std::ifstream file(name);
+    std::string text{std::istreambuf_iterator<char>(file), {}};
+    unlink(name.c_str());
+    return text;
+}
+
+TEST(snapshot, shows_the_machine_and_gives_everything_back)
+{
+    Example snapshot("snapshot");
+    if (!snapshot.runs()) {
+        GTEST_SKIP();
+    }
+    const std::string output = snapshot.read_until(nullptr);
+    EXPECT_EQ(snapshot.exit_status(), 0);
+    for (const char *shown : {
+             "\nthis one: [0-9]+\\.processes\\.[0-9]+\\.0x[0-9a-f]+\\.\\[2 refs\\] - [0-9]+ snapshot, [0-9]+ kB\n",
+             "\nin one index:  *[0-9]+\\.processes\\.[0-9]+\\.0x[0-9a-f]+ - [0-9]+ snapshot, [0-9]+ kB\n",
+             "\nin none: it is free\n",
+             "\n[0-9]+ strings replaced, .*: texts are unchanged, buffers are sound\n",
+             " - lo: 127\\.0\\.0\\.1\r\n",
+             " - time: 20[0-9][0-9]-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-5][0-9]Z\r\n",
+             " - digest: [0-9a-f]{16}\r\n",
+             "\n[0-9]+ facts, 0 differ",
+             "journal\\.+usage cur/max/avail \\(max\\.%\\): [78]/[78]/8 ",
+             " - [0-9]+: picture of [0-9]+ processes\r\n",
+             "\n texts  +[^\n]*\n  - 2 buffers  +gc cnt: +[1-9][0-9]* ",
+             "\n Total usage  +",
+             "\none index is gone: [0-9]+ processes, 0 further references\nboth are gone: 0 processes\n",
+             "\nobjects left: 0\n",
+             "\n mounts  +[0-9]+: 0\\.000/0\\.000/0\\.000\r\n    - first_free  +100%: ",
+             "\nTime for 1000 elapsed measurements: ",
+             "\n MEMM  +0  +0  +0  +-  +-  +-\r\n indexes  +0  +[1-9][0-9]* ",
+         }) {
+        EXPECT_TRUE(contains(output, shown));
+    }
+    EXPECT_FALSE(contains(output, "ERROR|integrity check failed"));
+}
+
+TEST(snapshot, answers_signals_while_it_serves)
+{
+    Example snapshot("snapshot", "--serve");
+    if (!snapshot.runs()) {
+        GTEST_SKIP();
+    }
+    snapshot.read_until("memm_dump_pools");
+    kill(snapshot.pid(), SIGUSR1);
+    kill(snapshot.pid(), SIGUSR2);
+    kill(snapshot.pid(), SIGTERM);  // handled last: it waits for both handlers
+    EXPECT_TRUE(contains(snapshot.read_until(nullptr), "\nobjects left: 0\n"));
+    EXPECT_EQ(snapshot.exit_status(), 0);
+    EXPECT_TRUE(contains(take_file("/var/tmp/memm_", snapshot.pid()),
+                         "^\r\n\r\nReason: SIGUSR1\r\n(.*\n)* processes .*\n Total usage "));
+    EXPECT_TRUE(contains(take_file("/tmp/memm_dump_", snapshot.pid()), "^\r\n\r\nReason: SIGUSR2\r\n"));
+}
+
+TEST(small_examples, run)
+{
+    for (const char *name : {"pools", "locks", "strings"}) {
+        Example example(name);
+        if (!example.runs()) {
+            GTEST_SKIP();
+        }
+        example.read_until(nullptr);
+        EXPECT_EQ(example.exit_status(), 0) << name;
+        take_file("/tmp/memm_dump_", example.pid());
+    }
+}
+
+}  // namespace
+
+#endif
