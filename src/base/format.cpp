@@ -6,12 +6,11 @@
 #include "base/format.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <charconv>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 namespace memm {
@@ -70,27 +69,30 @@ const char *read_length(const char *at, Length &length) noexcept
 {
     static_assert(sizeof(std::size_t) == sizeof(long) && sizeof(std::ptrdiff_t) == sizeof(long));
     static_assert(sizeof(std::intmax_t) == sizeof(long long));
-    const bool is_double = *at != '\0' && at[1] == *at;
-    if (*at == 'h') {
+    const bool is_double = (*at == 'h' || *at == 'l') && at[1] == *at;
+    switch (*at) {
+    case 'h':
         length = is_double ? Length::hh : Length::h;
-        return at + (is_double ? 2 : 1);
-    }
-    if (*at == 'l') {
+        break;
+    case 'l':
         length = is_double ? Length::ll : Length::l;
-        return at + (is_double ? 2 : 1);
+        break;
+    case 'z':
+    case 't':
+        length = Length::l;
+        break;
+    case 'j':
+        length = Length::ll;
+        break;
+    default:
+        return at;
     }
-    if (*at == 'z' || *at == 't' || *at == 'j') {
-        length = *at == 'j' ? Length::ll : Length::l;
-        return at + 1;
-    }
-    return at;
+    return at + (is_double ? 2 : 1);
 }
 
-// Reads what follows a '%'. Answers the place behind the conversion, or null when it is outside the bounded set.
-const char *read_conversion(const char *at, Conversion &conversion) noexcept
+// Null when a number is too large.
+const char *read_width_and_precision(const char *at, Conversion &conversion) noexcept
 {
-    const char *const start = at;
-    at = read_flags(at, conversion.flags);
     if (*at == '*') {
         conversion.width_is_argument = true;
         ++at;
@@ -101,12 +103,23 @@ const char *read_conversion(const char *at, Conversion &conversion) noexcept
         }
         conversion.width = static_cast<unsigned>(width);
     }
-    if (*at == '.') {
-        ++at;
-        if (*at == '*') {
-            conversion.precision_is_argument = true;
-            ++at;
-        } else if ((at = read_number(at, conversion.precision)) == nullptr) {
+    if (*at != '.') {
+        return at;
+    }
+    if (*++at == '*') {
+        conversion.precision_is_argument = true;
+        return at + 1;
+    }
+    return read_number(at, conversion.precision);
+}
+
+// Reads what follows a '%'. Answers the place behind the conversion, or null when it is outside the bounded set.
+const char *read_conversion(const char *at, Conversion &conversion) noexcept
+{
+    const char *const start = at;
+    if (*at < 'A') {  // as all flags, digits, '*' and '.' are
+        at = read_width_and_precision(read_flags(at, conversion.flags), conversion);
+        if (at == nullptr) {
             return nullptr;
         }
     }
@@ -180,6 +193,36 @@ struct Arguments {
     }
 };
 
+// Digits are made from the last to the first, to end at `end`; the answer is where they start.
+template <unsigned Base, class Unsigned> char *put_digits_of(char *end, Unsigned value, const char *digits) noexcept
+{
+    do {
+        *--end = digits[value % Base];
+        value /= Base;
+    } while (value != 0);
+    return end;
+}
+
+template <class Unsigned> char *put_digits_as(char *end, Unsigned value, unsigned base, const char *digits) noexcept
+{
+    switch (base) {
+    case 8:
+        return put_digits_of<8>(end, value, digits);
+    case 10:
+        return put_digits_of<10>(end, value, digits);
+    default:
+        return put_digits_of<16>(end, value, digits);
+    }
+}
+
+// A 32-bit target divides 64-bit numbers in software: keep to 32 bits where the value fits.
+char *put_digits(char *end, Number value, unsigned base, bool upper) noexcept
+{
+    const char *const digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+    return value <= UINT_MAX ? put_digits_as(end, static_cast<unsigned>(value), base, digits)
+                             : put_digits_as(end, value, base, digits);
+}
+
 class Printer {
     TextSink sink_;
     Arguments &arguments_;
@@ -242,15 +285,11 @@ private:
     {
         const std::size_t used = prefix.size() + zeros + body.size();
         const std::size_t blanks = conversion.width > used ? conversion.width - used : 0;
-        if (!conversion.has(kLeft)) {
-            repeat("                ", blanks);
-        }
+        repeat("                ", conversion.has(kLeft) ? 0 : blanks);
         put(prefix);
         repeat("0000000000000000", zeros);
         put(body);
-        if (conversion.has(kLeft)) {
-            repeat("                ", blanks);
-        }
+        repeat("                ", conversion.has(kLeft) ? blanks : 0);
     }
 
     void print_signed(const Conversion &conversion) noexcept
@@ -286,13 +325,15 @@ private:
         print_number(conversion, prefix, reinterpret_cast<std::uintptr_t>(pointer), 16);
     }
 
-    void print_number(const Conversion &conversion, std::string_view prefix, Number value, int base) const noexcept
+    void print_number(const Conversion &conversion, std::string_view prefix, Number value, unsigned base) const noexcept
     {
         char digits[(sizeof(Number) * CHAR_BIT + 2) / 3];
-        std::size_t count = 0;
+        char *const end = std::end(digits);
+        char *start = end;
         if (value != 0 || conversion.precision != 0) {
-            count = to_digits(digits, value, base, conversion.letter == 'X');
+            start = put_digits(end, value, base, conversion.letter == 'X');
         }
+        const auto count = static_cast<std::size_t>(end - start);
 
         std::size_t zeros = 0;
         if (conversion.precision >= 0) {
@@ -305,25 +346,7 @@ private:
         if (base == 8 && conversion.has(kAlternate) && zeros == 0 && (value != 0 || count == 0)) {
             zeros = 1;
         }
-        put_field(conversion, prefix, zeros, {digits, count});
-    }
-
-    template <std::size_t Size>
-    static std::size_t to_digits(char (&digits)[Size], Number value, int base, bool upper) noexcept
-    {
-        // A 32-bit target divides 64-bit numbers in software: keep to its own word where the value fits.
-        const char *const end = value <= UINT_MAX
-                                    ? std::to_chars(digits, digits + Size, static_cast<unsigned>(value), base).ptr
-                                    : std::to_chars(digits, digits + Size, value, base).ptr;
-        const auto count = static_cast<std::size_t>(end - digits);
-        if (upper) {
-            for (std::size_t i = 0; i < count; ++i) {
-                if (digits[i] >= 'a') {
-                    digits[i] = static_cast<char>(digits[i] - 'a' + 'A');
-                }
-            }
-        }
-        return count;
+        put_field(conversion, prefix, zeros, {start, count});
     }
 
     void print_character(const Conversion &conversion) noexcept

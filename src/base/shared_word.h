@@ -14,6 +14,29 @@ template <typename T> void store(T &word, std::type_identity_t<T> value) noexcep
     __atomic_store(&word, &value, __ATOMIC_RELAXED);
 }
 
+// A pointer or index through which other words are then read: what its writer wrote before it is seen. The machines
+// order loads that depend on each other by themselves; only the checker of data races wants to be told.
+template <typename T> T load_published(const T &word) noexcept
+{
+#if defined(__SANITIZE_THREAD__)
+    constexpr int kOrder = __ATOMIC_ACQUIRE;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+    constexpr int kOrder = __ATOMIC_ACQUIRE;
+#else
+    constexpr int kOrder = __ATOMIC_RELAXED;
+#endif
+#else
+    constexpr int kOrder = __ATOMIC_RELAXED;
+#endif
+    return __atomic_load_n(&word, kOrder);
+}
+
+template <typename T> void publish(T &word, std::type_identity_t<T> value) noexcept
+{
+    __atomic_store_n(&word, value, __ATOMIC_RELEASE);
+}
+
 template <typename T> T add(T &word, std::type_identity_t<T> step) noexcept
 {
     const T sum = load(word) + step;

@@ -9,11 +9,11 @@ namespace memm::strings {
 
 const char *text_of(const void *pointer) noexcept
 {
-    const Pool *const pool = owner_of(pointer);
-    if (pool == nullptr || load(pool->options.cookie) == nullptr) {
+    const PoolAid *const aid = owner_of(pointer);
+    if (aid == nullptr || load(aid->pool->options.cookie) == nullptr) {
         return "*NOT_MEMMSTR*";
     }
-    if (owner_pool(pointer) == nullptr) {
+    if (aid->pool->slot_size < slot_bytes(sizeof(dynstr)) || text_pool_of(*aid) == nullptr) {
         return "*NOT_DYNSTR*";
     }
     const auto &record = *static_cast<const dynstr *>(pointer);
@@ -41,7 +41,7 @@ Result limit(Held held, dynstr &record, u32 max) noexcept
 void trace_bad_argument(const char *text) noexcept
 {
     if (is_traced(1)) {
-        trc_def_printf(text);
+        trc_def_printf("%s", text);
     }
 }
 
@@ -108,8 +108,11 @@ unsigned dynstr_reset(dynstr *d)
         return to_c(Result::invalid);
     }
     const ManagerLock lock("dynstr_reset");
-    set_info(*d, info_of(*d).with_max_size(0));
-    return to_c(assign(lock.held(), d, text_given(""), 0, -1));
+    const Result emptied = assign(lock.held(), d, text_given(""), 0, -1);
+    if (emptied == Result::ok) {
+        set_info(*d, info_of(*d).with_max_size(0));
+    }
+    return to_c(emptied);
 }
 
 int dynstr_strcmp(const dynstr *a, const dynstr *b)

@@ -19,7 +19,11 @@ class BufferCheck {
     template <typename... Arguments> void fault(const char *text, Arguments... arguments) noexcept
     {
         sound_ = false;
-        dbg_printf(text, arguments...);
+        if constexpr (sizeof...(arguments) == 0) {
+            dbg_printf("%s", text);
+        } else {
+            dbg_printf(text, arguments...);
+        }
     }
 
     void check_ends() noexcept
@@ -108,8 +112,8 @@ public:
 // A pool without any object has nothing to check.
 const TextPool *checkable(PoolId id) noexcept
 {
-    const Pool *const pool = registry.find(id);
-    return pool != nullptr && first_in_use(*pool) != nullptr ? text_pool_of(*pool) : nullptr;
+    const PoolAid *const aid = registry.find_aid(id);
+    return aid != nullptr && first_in_use(*aid->pool) != nullptr ? text_pool_of(*aid) : nullptr;
 }
 
 bool check(PoolId id, bool verbose) noexcept

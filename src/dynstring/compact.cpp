@@ -1,5 +1,6 @@
 #include "dynstring/text_pool.h"
 
+#include "memmanager/slots.h"
 #include "memmanager/trace.h"
 
 #include <memmanager/platform.h>
@@ -19,7 +20,7 @@ bool ends_where_size_says(const dynstr &record) noexcept
 void trace_finding(const char *text) noexcept
 {
     if (is_traced(1)) {
-        trc_def_printf(text);
+        trc_def_printf("%s", text);
     }
 }
 
@@ -37,7 +38,7 @@ void trace_corrected(const char *text, u32 from, u32 to) noexcept
 class Compaction {
     Held held_;
     TextPool &pool_;
-    Pool &records_;
+    const PoolAid &records_;
     const u32 buffer_;
     dynstr *previous_;  // the last record that stays
     u32 shift_ = 0;     // bytes of the deleted texts passed
@@ -160,8 +161,8 @@ class Compaction {
 
 public:
     Compaction(Held held, TextPool &pool, u32 buffer, dynstr &lowest_deleted) noexcept
-        : held_(held), pool_(pool), records_(registry.at(pool.poolid)), buffer_(buffer), previous_(lowest_deleted.prev),
-          end_(lowest_deleted.str)
+        : held_(held), pool_(pool), records_(registry.aid(PoolId{pool.poolid})), buffer_(buffer),
+          previous_(lowest_deleted.prev), end_(lowest_deleted.str)
     {
         if (pool.first[buffer] == &lowest_deleted) {
             pool.first[buffer] = nullptr;

@@ -55,6 +55,7 @@ dynstr *refer_to(Held held, PoolId pool, const char *text) noexcept
     return create_with(held, allocate(held, pool), [&](dynstr &record) {
         const std::size_t length = std::strlen(text);
         if (length >= kMaxTextSize) {
+            trace_bad_size();
             return Result::no_memory;
         }
         record.str = const_cast<char *>(text);

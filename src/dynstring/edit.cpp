@@ -87,7 +87,6 @@ namespace {
 
 // One append: what is added to what, and how much of it counts.
 struct Addition {
-    u32 old_size;
     u32 old_length;
     u64 added;     // bytes that count, with a terminating zero
     u64 new_size;  // so counted
@@ -96,7 +95,7 @@ struct Addition {
 
 Addition measure(const dynstr &record, const char *text, u64 count) noexcept
 {
-    const u32 length = length_of(record);
+    const auto length = static_cast<u32>(whole_text(record).length);
     const u64 max = info_of(record).max_size();
     u64 added = count + 1;
     u64 new_size = length + added;
@@ -105,12 +104,14 @@ Addition measure(const dynstr &record, const char *text, u64 count) noexcept
         new_size = max;
     }
     const auto copied = strnlen(text, static_cast<std::size_t>(added - 1));
-    return {size_of(record), length, added, new_size, static_cast<u32>(copied)};
+    return {length, added, new_size, static_cast<u32>(copied)};
 }
 
+// The address alone does not tell: the end of a full buffer may be the start of the next one.
 bool ends_current_buffer(const TextPool &pool, const dynstr &record) noexcept
 {
-    return is_in_buffer(record) && record.str + size_of(record) == pool.fill_position();
+    return is_in_buffer(record) && info_of(record).buffer() == pool.curbuf &&
+           record.str + size_of(record) == pool.fill_position();
 }
 
 void write_behind(char *text, const Addition &addition, const char *source) noexcept
@@ -140,7 +141,7 @@ Result append(Held held, dynstr &record, const char *text, u64 count) noexcept
         rewrite.wrote(static_cast<u32>(real), static_cast<u32>(real));
         return rewrite.finish();
     }
-    if (!rewrite.set_aside()) {
+    if (!rewrite.set_aside(fits ? Rewrite::StandBy::may_be_booked : Rewrite::StandBy::has_a_slot)) {
         return Result::no_memory;
     }
     if (real > kMaxTextSize) {

@@ -29,8 +29,7 @@ void print_record(void *object)
     const auto &record = *static_cast<const dynstr *>(object);
     const StringInfo info = info_of(record);
     const char *const text = record.str == nullptr ? "" : record.str;
-    const std::size_t length = std::strlen(text);
-    const bool fits = length <= kShownText;
+    const bool fits = strnlen(text, kShownText + 1) <= kShownText;
     dbg_printf(" - bnr=%d, maxsize=%d, size=%d, %s%sdata='%.*s%s'", buffer_number(record),
                static_cast<int>(info.max_size()), static_cast<int>(info.size()), info.is_deleted() ? "deleted, " : "",
                record.str == nullptr || info.is_literal() ? "literal, " : "", static_cast<int>(kShownText), text,
@@ -47,14 +46,15 @@ int is_shown(void *object, int level)
     return !deleted || (level & kLiveOnly) == 0 ? 1 : 0;
 }
 
-// An allocation that finds no record has each buffer compacted at most once.
+// An allocation that finds no record has each buffer compacted at most once. A pool whose buffers could not be had has
+// no control block.
 int collect_for_allocation(void *cookie, int attempt, int /*slot_size*/)
 {
-    auto &pool = *static_cast<TextPool *>(cookie);
-    if (attempt >= static_cast<int>(pool.bufcnt)) {
+    auto *const pool = static_cast<TextPool *>(cookie);
+    if (pool == nullptr || attempt >= static_cast<int>(pool->bufcnt)) {
         return 0;
     }
-    compact(Held::by_caller(), pool, Reason::depleted);
+    compact(Held::by_caller(), *pool, Reason::depleted);
     return 1;
 }
 
@@ -114,11 +114,14 @@ void print_detail(const TextPool &pool, int *live, int *peak, int *capacity, mem
 
 void print_usage(void *cookie, int *live, int *peak, int *capacity, memm_printf_fn print)
 {
-    const auto &pool = *static_cast<const TextPool *>(cookie);
+    const auto *const pool = static_cast<const TextPool *>(cookie);
+    if (pool == nullptr) {
+        return;
+    }
     if (live == nullptr) {
-        print_summary(pool, print);
+        print_summary(*pool, print);
     } else {
-        print_detail(pool, live, peak, capacity, print);
+        print_detail(*pool, live, peak, capacity, print);
     }
 }
 
@@ -127,7 +130,7 @@ namespace {
 void trace_failure(const char *text) noexcept
 {
     if (is_traced(1)) {
-        trc_def_printf(text);
+        trc_def_printf("%s", text);
     }
 }
 

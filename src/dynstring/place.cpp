@@ -1,5 +1,6 @@
 #include "dynstring/place.h"
 
+#include "memmanager/slots.h"
 #include "memmanager/trace.h"
 
 #include <memmanager/platform.h>
@@ -19,15 +20,24 @@ void trace_event(const char *kind, const char *text) noexcept
 
 }  // namespace
 
-bool Rewrite::set_aside() noexcept
+bool Rewrite::set_aside(StandBy kind) noexcept
 {
-    before_ = static_cast<dynstr *>(allocate_without_gc(held_, PoolId{pool_.poolid}));
-    if (before_ == nullptr) {
-        return false;
-    }
-    *before_ = record_;
-    if (is_in_buffer(record_)) {
-        link_in_place_of(record_);
+    const PoolId records{pool_.poolid};
+    if (is_in_buffer(record_) || kind == StandBy::has_a_slot) {
+        before_ = static_cast<dynstr *>(allocate_without_gc(held_, records));
+        if (before_ == nullptr) {
+            return false;
+        }
+        *before_ = record_;
+        if (is_in_buffer(record_)) {
+            link_in_place_of(record_);
+        }
+    } else {
+        if (!allocate_in_passing(held_, records)) {
+            return false;
+        }
+        outside_before_ = record_;
+        before_ = &outside_before_;
     }
     record_.str = nullptr;
     record_.prev = nullptr;
@@ -83,9 +93,7 @@ void Rewrite::wrote(u32 size, u32 real) noexcept
 
 void Rewrite::fail_too_large() noexcept
 {
-    if (is_traced(1)) {
-        trc_def_printf("[DYNSTR] loc_setstrsize with invalid size\r\n");
-    }
+    trace_bad_size();
     set_size(record_, 0);
     result_ = Result::no_memory;
 }
@@ -163,13 +171,13 @@ void Rewrite::commit() noexcept
 
 void Rewrite::drop_stand_by() noexcept
 {
-    if (before_ == nullptr) {
+    if (before_ == nullptr || before_ == &outside_before_) {
         return;
     }
     if (is_in_buffer(*before_)) {
         mark_deleted(pool_, *before_);
     } else {
-        finish_release(held_, registry.at(pool_.poolid), slot_of(before_));
+        finish_release(held_, registry.aid(PoolId{pool_.poolid}), slot_of(before_));
     }
 }
 

@@ -3,7 +3,8 @@
 #include "dynstring/text_pool.h"
 
 // Putting a text into a record. The old text stays where it is, held by a stand-by record that takes the record's place
-// in the list of its buffer, until the new text stands: so every text may be made from the old one.
+// in the list of its buffer, until the new text stands: so every text may be made from the old one. (A record without a
+// text in a buffer has no place to keep: then the stand-by record is only booked, its slot not touched.)
 //
 //     Rewrite rewrite(held, pool, record);
 //     if (!rewrite.set_aside()) return Result::no_memory;      // nothing has changed
@@ -18,6 +19,7 @@ class Rewrite {
     Held held_;
     TextPool &pool_;
     dynstr &record_;
+    dynstr outside_before_{};  // the stand-by of a record whose text is in no buffer
     dynstr *before_ = nullptr;
     u32 max_size_;
     u32 real_size_ = 0;
@@ -40,8 +42,9 @@ public:
     // The stand-by record: the text, size and limit that the record had.
     const dynstr &before() const noexcept { return *before_; }
 
-    // Empties the record; false when there is no stand-by record.
-    [[nodiscard]] bool set_aside() noexcept;
+    // Empties the record; false when there is no stand-by record. Some callers may have to leave that one behind.
+    enum class StandBy : unsigned char { may_be_booked, has_a_slot };
+    [[nodiscard]] bool set_aside(StandBy kind = StandBy::may_be_booked) noexcept;
 
     // Room for a text of that many bytes, its zero included: in the current buffer when it has `size` bytes left, else
     // `real` bytes outside. Null, and finish() will answer no_memory, when there is none or no record can hold the

@@ -26,37 +26,40 @@ void print_control_block(void *object)
 
 }  // namespace
 
-// A cookie is read through only when it is the address of an object of the control-block pool: any other value is its
-// owner's business, and may point nowhere.
-TextPool *text_pool_of(const Pool &pool) noexcept
+namespace {
+
+// Control blocks are the objects in use of their pool.
+bool is_control_block(const void *cookie) noexcept
 {
-    void *const cookie = load(pool.options.cookie);
-    const Pool *const control = registry.find(load(control_pool));
-    if (cookie == nullptr || control == nullptr) {
+    const PoolAid *const owner = owner_of(cookie);
+    return owner != nullptr && owner->id == load(control_pool);
+}
+
+}  // namespace
+
+// A cookie is read through only when it is the address of a control block: any other value is its owner's business, and
+// may point nowhere. The cookie that a string pool was given at its creation is known to be one.
+TextPool *text_pool_of(const PoolAid &aid) noexcept
+{
+    void *const cookie = load(aid.pool->options.cookie);
+    if (cookie == nullptr) {
         return nullptr;
     }
-    const auto address = reinterpret_cast<std::uintptr_t>(cookie) - kHeaderBytes;
-    const auto first = reinterpret_cast<std::uintptr_t>(load(control->slots));
-    const auto last = reinterpret_cast<std::uintptr_t>(load(control->last_item));
-    if (address < first || address > last) {
-        return nullptr;
-    }
-    const unsigned char *slot = slot_of(cookie);
-    return registry.aid(control_pool).is_slot(*control, slot) && ObjectHeader::of_slot(slot).pool() == control_pool
-               ? static_cast<TextPool *>(cookie)
-               : nullptr;
+    const bool known =
+        cookie == load(aid.control) && ObjectHeader::of_slot(slot_of(cookie)).pool() == load(control_pool);
+    return known || is_control_block(cookie) ? static_cast<TextPool *>(cookie) : nullptr;
 }
 
 TextPool *text_pool(PoolId id) noexcept
 {
-    const Pool *const pool = registry.find(id);
-    return pool == nullptr ? nullptr : text_pool_of(*pool);
+    const PoolAid *const aid = registry.find_aid(id);
+    return aid == nullptr ? nullptr : text_pool_of(*aid);
 }
 
 TextPool *owner_pool(const void *record) noexcept
 {
-    const Pool *const pool = owner_of(record);
-    return pool != nullptr && pool->slot_size >= slot_bytes(sizeof(dynstr)) ? text_pool_of(*pool) : nullptr;
+    const PoolAid *const aid = owner_of(record);
+    return aid != nullptr && aid->pool->slot_size >= slot_bytes(sizeof(dynstr)) ? text_pool_of(*aid) : nullptr;
 }
 
 bool is_string(const void *record) noexcept
@@ -118,6 +121,7 @@ void abandon(Held held, Pool &records, TextPool &texts) noexcept
     store(records.options.cookie, nullptr);
     store(records.count_base, nullptr);
     store(records.spare_flag, nullptr);
+    store(registry.aid(id_of(records)).control, nullptr);
     static_cast<void>(release(held, &texts));
 }
 
@@ -143,6 +147,7 @@ PoolId create(Held held, const char *name, int count, unsigned bytes, u32 buffer
     texts.pcurcnt = &records.cur_count;
     store(records.count_base, &texts.delcnt);
     store(records.spare_flag, &texts.gcrequest);
+    store(registry.aid(id).control, &texts);
     texts.balance_limit = texts.capacity / buffers;
     if (!get_buffers(texts)) {
         abandon(held, records, texts);
@@ -164,6 +169,13 @@ void trace_bad_string(const char *function) noexcept
 {
     if (is_traced(2)) {
         trc_def_printf("[DYNSTR] %s: invalid dynstring passed\r\n", function);
+    }
+}
+
+void trace_bad_size() noexcept
+{
+    if (is_traced(1)) {
+        trc_def_printf("[DYNSTR] loc_setstrsize with invalid size\r\n");
     }
 }
 

@@ -64,7 +64,7 @@ struct TextPool {
 static_assert(sizeof(void *) != 4 || sizeof(TextPool) == 272);
 
 // The control block of a string pool; null for every other pool, whatever its cookie is.
-TextPool *text_pool_of(const Pool &pool) noexcept;
+TextPool *text_pool_of(const PoolAid &aid) noexcept;
 TextPool *text_pool(PoolId id) noexcept;
 
 // The control block of the pool whose record this is; null for every other pointer. Deleted records have one too.
@@ -101,5 +101,6 @@ bool pool_is_sound(Held, PoolId id) noexcept;
 
 void trace_bad_pool(const char *function) noexcept;    // "invalid poolid passed", level 2
 void trace_bad_string(const char *function) noexcept;  // "invalid dynstring passed", level 2
+void trace_bad_size() noexcept;                        // "loc_setstrsize with invalid size", level 1
 
 }  // namespace memm::strings

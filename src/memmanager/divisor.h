@@ -2,25 +2,42 @@
 
 #include "base/bits.h"
 
+#include <bit>
+
 namespace memm {
 
-// Division by a number that is known long before, by two multiplications: exact for every 32-bit dividend and every
-// divisor of 2 or more.
+// Exact division by a number that is known long before: one multiplication by the inverse of its odd part, one rotation
+// that takes out its power of two. A dividend that is no multiple gives a quotient above every possible one.
 class Divisor {
-    u64 reciprocal_ = 0;  // 2^64 / divisor, rounded up
+    u32 inverse_ = 0;
+    u32 highest_ = 0;
+    int shift_ = 0;
+
+    // Each step doubles the bits that are right; an odd number is its own inverse in the lowest three.
+    static constexpr u32 inverse_of(u32 odd) noexcept
+    {
+        u32 inverse = odd;
+        for (int right = 3; right < 32; right *= 2) {
+            inverse *= 2 - odd * inverse;
+        }
+        return inverse;
+    }
 
 public:
     constexpr Divisor() noexcept = default;
-    constexpr explicit Divisor(u32 divisor) noexcept : reciprocal_(~u64{0} / divisor + 1) {}
-
-    constexpr u32 quotient(u32 dividend) const noexcept
+    constexpr explicit Divisor(u32 divisor) noexcept
+        : inverse_(inverse_of(divisor >> std::countr_zero(divisor))), highest_(~0U / divisor),
+          shift_(std::countr_zero(divisor))
     {
-        const u64 low = u64{dividend} * static_cast<u32>(reciprocal_);
-        const u64 high = u64{dividend} * (reciprocal_ >> 32);
-        return static_cast<u32>((high + (low >> 32)) >> 32);
     }
 
-    constexpr bool divides(u32 dividend) const noexcept { return dividend * reciprocal_ < reciprocal_; }
+    // Of a multiple.
+    constexpr u32 quotient(u32 dividend) const noexcept { return std::rotr(dividend * inverse_, shift_); }
+
+    constexpr bool divides(u32 dividend) const noexcept { return quotient(dividend) <= highest_; }
 };
+
+static_assert(Divisor{24}.quotient(24 * 7) == 7 && !Divisor{24}.divides(25) && Divisor{24}.divides(0));
+static_assert(Divisor{20}.quotient(20 * 214748364U) == 214748364U && !Divisor{20}.divides(10));
 
 }  // namespace memm

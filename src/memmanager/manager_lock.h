@@ -18,8 +18,6 @@ public:
 // Where start-up has found that the application left P and V alone, the lock behind them is entered directly. Otherwise
 // it is entered as well, inside of the application's: it is what signal handlers look at.
 class ManagerLock {
-    static inline constinit std::atomic<bool> direct_{false};
-
 public:
     [[nodiscard]] explicit ManagerLock(const char *tag) noexcept { enter(tag); }
     ~ManagerLock() { leave(); }
@@ -29,7 +27,7 @@ public:
 
     static void enter(const char *tag) noexcept
     {
-        if (!direct_.load(std::memory_order_relaxed)) [[unlikely]] {
+        if (!default_lock.is_alone()) [[unlikely]] {
             P(tag);
         }
         default_lock.enter();
@@ -37,16 +35,14 @@ public:
 
     static void leave() noexcept
     {
-        // Read first: whoever waits for the lock may be start-up itself.
-        const bool direct = direct_.load(std::memory_order_relaxed);
         default_lock.leave();
-        if (!direct) [[unlikely]] {
+        if (!default_lock.is_alone()) [[unlikely]] {
             V();
         }
     }
 
     // Start-up: find out whose lock it is. The answer never changes afterwards.
-    static bool recognise() noexcept;
+    static void recognise() noexcept;
 };
 
 }  // namespace memm

@@ -1,5 +1,5 @@
 #include "memmanager/depletion.h"
-#include "memmanager/pool.h"
+#include "memmanager/slots.h"
 #include "memmanager/trace.h"
 
 #include "base/format.h"
@@ -9,37 +9,57 @@
 
 namespace memm {
 
-void *allocate(Held held, PoolId id) noexcept
+namespace {
+
+// Deliberate: a callback that promises free slots is believed, however often.
+[[gnu::noinline]] void *collect_and_allocate(Held held, const PoolAid &aid) noexcept
 {
-    Pool *const pool = registry.find(id);
-    if (pool == nullptr) {
-        return nullptr;
-    }
-    void *object = take_slot(held, id, Reserve::closed);
-    // Deliberate: a callback that promises free slots is believed, however often.
-    for (int attempt = 0; object == nullptr; ++attempt) {
-        const memm_pooloptions &options = pool->options;
+    for (int attempt = 0;; ++attempt) {
+        const memm_pooloptions &options = aid.pool->options;
         if (options.gc_cb == nullptr ||
-            options.gc_cb(options.cookie, attempt, static_cast<int>(pool->slot_size)) == 0) {
-            report_depletion(held, *pool);
+            options.gc_cb(options.cookie, attempt, static_cast<int>(aid.pool->slot_size)) == 0) {
+            report_depletion(held, *aid.pool);
             return nullptr;
         }
-        object = take_slot(held, id, Reserve::closed);
+        if (void *object = take_slot(held, aid, Reserve::closed); object != nullptr) {
+            return object;
+        }
     }
-    return object;
+}
+
+}  // namespace
+
+void *allocate(Held held, PoolId id) noexcept
+{
+    const PoolAid *const aid = registry.find_aid(id);
+    if (aid == nullptr) {
+        return nullptr;
+    }
+    void *const object = take_slot(held, *aid, Reserve::closed);
+    return object != nullptr ? object : collect_and_allocate(held, *aid);
 }
 
 void *allocate_without_gc(Held held, PoolId id) noexcept
 {
-    Pool *const pool = registry.find(id);
-    if (pool == nullptr) {
+    const PoolAid *const aid = registry.find_aid(id);
+    if (aid == nullptr) {
         return nullptr;
     }
-    void *object = take_slot(held, id, Reserve::open);
+    void *const object = take_slot(held, *aid, Reserve::open);
     if (object == nullptr) {
-        report_depletion(held, *pool);
+        report_depletion(held, *aid->pool);
     }
     return object;
+}
+
+bool allocate_in_passing(Held held, PoolId id) noexcept
+{
+    const PoolAid &aid = registry.aid(id);
+    if (pass_slot(held, aid)) {
+        return true;
+    }
+    report_depletion(held, *aid.pool);
+    return false;
 }
 
 namespace {
@@ -91,13 +111,6 @@ void *add_reference(Held, void *object) noexcept
 
 namespace {
 
-// The pool of an object that may be released, else null. Descriptors cannot be released.
-Pool *releasable(void *object) noexcept
-{
-    Pool *const pool = owner_of(object);
-    return pool != nullptr && slot_of(object) <= pool->last_used && id_of(*pool) != PoolId::descriptors ? pool : nullptr;
-}
-
 // Addresses in these texts have eight digits at least, and more where a pointer needs them.
 void trace_release(const char *text, const unsigned char *slot, PoolId id) noexcept
 {
@@ -108,14 +121,14 @@ void trace_release(const char *text, const unsigned char *slot, PoolId id) noexc
 
 enum class Verdict { free_slot, kept, refused };
 
-Verdict ask_callback(const Pool &pool, void *object) noexcept
+Verdict ask_callback(const PoolAid &aid, void *object) noexcept
 {
-    const memm_pooloptions &options = pool.options;
+    const memm_pooloptions &options = aid.pool->options;
     if (options.release2_cb != nullptr) {
         if (options.release2_cb(object, memm_free_nolock) == 0) {
             return Verdict::free_slot;
         }
-        trace_release("[MEMM] memm_free: free2_ex failed for: 0x%08lx (poolid = %d)\r\n", slot_of(object), id_of(pool));
+        trace_release("[MEMM] memm_free: free2_ex failed for: 0x%08lx (poolid = %d)\r\n", slot_of(object), aid.id);
         return Verdict::refused;
     }
     if (options.release_cb == nullptr) {
@@ -129,32 +142,39 @@ Verdict ask_callback(const Pool &pool, void *object) noexcept
     default:
         break;
     }
-    trace_release("[MEMM] memm_free: free_ex failed for: 0x%08lx (poolid = %d)\r\n", slot_of(object), id_of(pool));
+    trace_release("[MEMM] memm_free: free_ex failed for: 0x%08lx (poolid = %d)\r\n", slot_of(object), aid.id);
     return Verdict::refused;
+}
+
+// Null and the object of a header at address 0 are nothing to release; other pointers are somebody's mistake.
+[[gnu::cold]] void report_invalid(void *object) noexcept
+{
+    const auto address = reinterpret_cast<std::uintptr_t>(object);
+    if (address != 0 && address != kHeaderBytes) {
+        trace_release("[MEMM] memm_free: Attempt to release invalid pointer: 0x%08lx (poolid = %d)\r\n",
+                      reinterpret_cast<const unsigned char *>(address - kHeaderBytes), header_of(object).pool());
+    }
 }
 
 }  // namespace
 
+// Descriptors cannot be released.
 Result release(Held held, void *object) noexcept
 {
-    if (reinterpret_cast<std::uintptr_t>(object) == 0 || reinterpret_cast<std::uintptr_t>(object) == kHeaderBytes) {
+    const PoolAid *const aid = owner_of(object);
+    if (aid == nullptr || aid->id == PoolId::descriptors || slot_of(object) > aid->pool->last_used) [[unlikely]] {
+        report_invalid(object);
         return Result::ok;
     }
     unsigned char *const slot = slot_of(object);
-    Pool *const pool = releasable(object);
-    if (pool == nullptr) {
-        trace_release("[MEMM] memm_free: Attempt to release invalid pointer: 0x%08lx (poolid = %d)\r\n", slot,
-                      header_of(object).pool());
-        return Result::ok;
-    }
     const ObjectHeader header = ObjectHeader::of_slot(slot);
     if (header.extra_refs() != 0) {
         header.with_extra_refs(header.extra_refs() - 1).write_to(slot);
-        add(pool->refs, -1U);
-        add(pool->free_count, 1);
+        add(aid->pool->refs, -1U);
+        add(aid->pool->free_count, 1);
         return Result::ok;
     }
-    switch (ask_callback(*pool, object)) {
+    switch (ask_callback(*aid, object)) {
     case Verdict::kept:
         return Result::ok;
     case Verdict::refused:
@@ -163,10 +183,10 @@ Result release(Held held, void *object) noexcept
         break;
     }
     // Deliberate: reported, and the slot is freed again all the same.
-    if (!ObjectHeader::of_slot(slot).in_use()) {
+    if (!ObjectHeader::of_slot(slot).in_use()) [[unlikely]] {
         trace_release("[MEMM] memm_free: Recursive release detected: 0x%08lx (poolid = %d)\r\n", slot, header.pool());
     }
-    finish_release(held, *pool, slot);
+    finish_release(held, *aid, slot);
     return Result::ok;
 }
 

@@ -43,78 +43,86 @@ static_assert(sizeof(void *) != 4 || offsetof(Pool, options) == 140);
 
 inline constexpr u32 kDepleted = 0x80000000U;  // in Pool::flags
 
-// What the manager knows of a pool beside the public descriptor.
+// What the manager keeps of a pool beside the public descriptor.
 struct PoolAid {
-    SlotIndex *index = nullptr;  // null: search slot by slot
-    Divisor slot_size;
+    constexpr PoolAid() noexcept = default;
+    constexpr explicit PoolAid(Pool *of) noexcept : pool(of) {}
 
-    u32 number_of(const Pool &pool, const unsigned char *slot) const noexcept
+    Pool *pool = nullptr;
+    PoolId id = PoolId::invalid;
+    Divisor slot_size;
+    bool is_ordinary = false;    // has slots, and is not the pool of the descriptors
+    SlotIndex *index = nullptr;  // null: search slot by slot
+    void *control = nullptr;     // the cookie that a floor above gave the pool, and may read through; null for others'
+
+    u32 number_of(const unsigned char *slot) const noexcept
     {
-        return slot_size.quotient(static_cast<u32>(slot - load(pool.slots)));
+        return slot_size.quotient(static_cast<u32>(slot - load(pool->slots)));
     }
-    bool is_slot(const Pool &pool, const unsigned char *address) const noexcept
+    bool is_slot(const unsigned char *address) const noexcept
     {
-        return slot_size.divides(static_cast<u32>(address - load(pool.slots)));
+        return slot_size.divides(static_cast<u32>(address - load(pool->slots)));
+    }
+    // The address lies between the pool's first and its last header. Right for whoever comes without the lock while the
+    // pool is being made: neither bound alone lets anything in.
+    bool holds(std::uintptr_t address) const noexcept
+    {
+        const auto first = reinterpret_cast<std::uintptr_t>(load(pool->slots));
+        const auto last = reinterpret_cast<std::uintptr_t>(load(pool->last_item));
+        return address >= first && address <= last && first != 0;
     }
 };
 
 class Registry {
-    unsigned char *table_ = nullptr;  // null until memm_init has succeeded in getting it
-    PoolAid *aids_ = nullptr;         // by pool id
-    u32 *by_address_ = nullptr;       // ids of the pools that have slots, in the order of their slot arrays
-    u32 placed_ = 0;
-    mutable u32 last_hit_ = 0;  // most pointers that come in belong to the same pool as the one before
+    // Stands in for the table until there is one: a descriptor of nothing, so that no id is valid.
+    static constinit unsigned char no_table_[kDescriptorBytes];
+    static constinit Pool no_pool_;
+    static constinit PoolAid no_aid_;
 
-    // Right for whoever comes without the lock while the pool is being made: neither bound alone lets anything in.
-    bool holds(u32 id, std::uintptr_t address) const noexcept
-    {
-        const auto first = reinterpret_cast<std::uintptr_t>(load(at(id).slots));
-        const auto last = reinterpret_cast<std::uintptr_t>(load(at(id).last_item));
-        return first != 0 && address >= first && address <= last;
-    }
-    u32 search(std::uintptr_t address) const noexcept;
+    unsigned char *table_ = no_table_;
+    PoolAid *aids_ = nullptr;
+    u32 *by_address_ = nullptr;  // ids of the pools that have slots, in the order of their slot arrays
+    u32 placed_ = 0;
+    mutable PoolAid *last_hit_ = &no_aid_;  // most pointers that come in belong to the same pool as the one before
+
+    PoolAid *search(std::uintptr_t address) const noexcept;
 
 public:
     static constexpr u32 kMaxPools = 0x7fffff;
-    static constexpr u32 kNowhere = 0xffffffffU;
 
-    bool has_table() const noexcept { return load(table_) != nullptr; }
+    bool has_table() const noexcept { return load(table_) != no_table_; }
 
     // Takes over the table and what stands beside it: `aids` and `by_address` have room for all its pools.
     void adopt(unsigned char *table, PoolAid *aids, u32 *by_address) noexcept;
 
     // Ids below this number are valid: descriptors are taken in rising order and never given back.
-    u32 count() const noexcept { return has_table() ? static_cast<u32>(load(at(0).max_count)) : 0; }
+    u32 count() const noexcept { return static_cast<u32>(load(at(0).max_count)); }
 
     Pool &at(u32 id) const noexcept
     {
         return *reinterpret_cast<Pool *>(load(table_) + std::size_t{id} * kDescriptorBytes + kHeaderBytes);
     }
     Pool *find(PoolId id) const noexcept { return to_index(id) < count() ? &at(to_index(id)) : nullptr; }
+    PoolAid *find_aid(PoolId id) const noexcept { return to_index(id) < count() ? &aids_[to_index(id)] : nullptr; }
+
+    PoolAid &aid(PoolId id) const noexcept { return aids_[to_index(id)]; }
     PoolId id_of(const Pool &pool) const noexcept
     {
         const auto distance = reinterpret_cast<const unsigned char *>(&pool) - kHeaderBytes - table_;
         return PoolId{static_cast<u32>(distance) / kDescriptorBytes};
     }
 
-    PoolAid &aid(PoolId id) const noexcept { return aids_[to_index(id)]; }
+    // A descriptor is taken: from now on its pool has an aid.
+    void enrol(Pool &pool) noexcept;
 
     // Enters a pool that has its slots into the order by address.
     void place(Held, PoolId id) noexcept;
 
     // The pool in whose slot array this address lies, between its first and its last header; null elsewhere.
-    Pool *around(std::uintptr_t address) const noexcept
+    PoolAid *around(std::uintptr_t address) const noexcept
     {
-        const u32 hit = load(last_hit_);
-        if (hit < count() && holds(hit, address)) [[likely]] {
-            return &at(hit);
-        }
-        const u32 id = search(address);
-        if (id == kNowhere) {
-            return nullptr;
-        }
-        store(last_hit_, id);
-        return &at(id);
+        PoolAid *const hit = load_published(last_hit_);
+        return hit->holds(address) ? hit : search(address);
     }
 };
 
@@ -130,16 +138,12 @@ ObjectHeader header_of(const void *object) noexcept;
 
 // The pool in which this is an object in use: the pointer lies in the pool's slot array, just behind a header that says
 // so. Null for every other pointer.
-inline Pool *owner_of(const void *object) noexcept
+inline PoolAid *owner_of(const void *object) noexcept
 {
     const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(object) - kHeaderBytes;
-    Pool *const pool = registry.around(address);
-    if (pool == nullptr) {
-        return nullptr;
-    }
+    PoolAid *const aid = registry.around(address);
     const auto *slot = reinterpret_cast<const unsigned char *>(address);
-    const PoolId id = id_of(*pool);
-    return registry.aid(id).is_slot(*pool, slot) && ObjectHeader::of_slot(slot).pool() == id ? pool : nullptr;
+    return aid != nullptr && aid->is_slot(slot) && ObjectHeader::of_slot(slot).pool() == aid->id ? aid : nullptr;
 }
 
 // The pool that an object's header names; null for null and for ids out of range.
@@ -162,22 +166,7 @@ void make_slots_free(unsigned char *slots, u32 slot_size, u32 count) noexcept;
 
 PoolId create_pool(Held, const char *name, int count, int object_size, const memm_pooloptions *options) noexcept;
 
-// --- slots (slots.cpp) ---
-
-enum class Reserve : bool { closed, open };  // whether an allocation may take spare slots
-
-// A zeroed object, or null; keeps the counters. The id is valid.
-void *take_slot(Held, PoolId id, Reserve reserve) noexcept;
-
-// A slot in use becomes free.
-void return_slot(Held, Pool &pool, unsigned char *slot) noexcept;
-
-// The end of a release to which the object's owner has agreed.
-inline void finish_release(Held held, Pool &pool, unsigned char *slot) noexcept
-{
-    return_slot(held, pool, slot);
-    add(pool.free_count, 1);
-}
+// --- walks (slots.cpp; taking and giving back: slots.h) ---
 
 // The first slot in use at or above `from`, up to last_used as it is now; null when there is none.
 unsigned char *next_in_use(const Pool &pool, unsigned char *from) noexcept;
@@ -192,6 +181,7 @@ inline unsigned char *in_use_after(const Pool &pool, unsigned char *slot) noexce
 // --- objects (objects.cpp) ---
 
 void *allocate(Held, PoolId id) noexcept;             // ordinary: asks gc_cb when no slot is free
+bool allocate_in_passing(Held, PoolId id) noexcept;   // as pass_slot(); false is a depletion
 void *allocate_without_gc(Held, PoolId id) noexcept;  // may take spare slots
 void *add_reference(Held, void *object) noexcept;     // the object, or null
 Result release(Held, void *object) noexcept;

@@ -11,6 +11,9 @@
 
 namespace memm {
 
+constinit unsigned char Registry::no_table_[kDescriptorBytes]{};
+constinit Pool Registry::no_pool_{};
+constinit PoolAid Registry::no_aid_{&no_pool_};
 constinit Registry registry;
 
 void Registry::adopt(unsigned char *table, PoolAid *aids, u32 *by_address) noexcept
@@ -20,36 +23,44 @@ void Registry::adopt(unsigned char *table, PoolAid *aids, u32 *by_address) noexc
     store(table_, table);
 }
 
+void Registry::enrol(Pool &pool) noexcept
+{
+    const PoolId id = id_of(pool);
+    aid(id).pool = &pool;
+    aid(id).id = id;
+}
+
 void Registry::place(Held, PoolId id) noexcept
 {
     const unsigned char *slots = at(to_index(id)).slots;
     u32 position = placed_;
     for (; position > 0 && at(by_address_[position - 1]).slots > slots; --position) {
-        store(by_address_[position], by_address_[position - 1]);
+        publish(by_address_[position], by_address_[position - 1]);
     }
-    store(by_address_[position], to_index(id));
-    store(placed_, placed_ + 1);
+    publish(by_address_[position], to_index(id));
+    publish(placed_, placed_ + 1);
 }
 
 // A caller without the lock may meet an entry on its way to the next place and miss its pool; header_of() then asks the
 // kernel for the header, and everything else holds the lock.
-u32 Registry::search(std::uintptr_t address) const noexcept
+PoolAid *Registry::search(std::uintptr_t address) const noexcept
 {
     u32 low = 0;
-    u32 high = load(placed_);
+    u32 high = load_published(placed_);
     while (low < high) {
         const u32 middle = low + (high - low) / 2;
-        const u32 id = load(by_address_[middle]);
-        if (holds(id, address)) {
-            return id;
+        PoolAid &aid = aids_[load_published(by_address_[middle])];
+        if (aid.holds(address)) {
+            publish(last_hit_, &aid);
+            return &aid;
         }
-        if (reinterpret_cast<std::uintptr_t>(load(at(id).slots)) > address) {
+        if (reinterpret_cast<std::uintptr_t>(load(aid.pool->slots)) > address) {
             high = middle;
         } else {
             low = middle + 1;
         }
     }
-    return kNowhere;
+    return nullptr;
 }
 
 ObjectHeader header_of(const void *object) noexcept
@@ -159,7 +170,9 @@ Pool *make_pool(Held held, const char *name, int count, Size size, const memm_po
 
     auto &pool = *static_cast<Pool *>(descriptor);
     const PoolId id = id_of(pool);
-    registry.aid(id) = {make_index(static_cast<u32>(count)), Divisor{size.slot}};
+    PoolAid &aid = registry.aid(id);
+    aid.slot_size = Divisor{size.slot};
+    aid.index = make_index(static_cast<u32>(count));
     if (options != nullptr) {
         set_options(pool.options, *options);
     }
@@ -173,6 +186,7 @@ Pool *make_pool(Held held, const char *name, int count, Size size, const memm_po
     store(pool.last_item, last_slot);
     store(pool.name, name);
     store(pool.slots, slots);
+    aid.is_ordinary = true;
     registry.place(held, id);
     return &pool;
 }

@@ -77,9 +77,9 @@ extern "C" void memm_after_fork_in_child()
 
 }  // namespace
 
-void install_signal_handlers(bool inside_another) noexcept
+void install_signal_handlers() noexcept
 {
-    default_lock.answer_notes_by(answer_notes, inside_another);
+    default_lock.answer_notes_by(answer_notes);
     pthread_atfork(memm_before_fork, memm_after_fork_in_parent, memm_after_fork_in_child);
     for (const Report &report : kReports) {
         install(report.signal);

@@ -30,6 +30,7 @@ SlotIndex *SlotIndex::make(void *block, u32 slots) noexcept
     auto *index = new (block) SlotIndex;
     auto *maps = reinterpret_cast<Word *>(index + 1);
     u32 words = words_for(slots, kBits);
+    index->bits_ = maps;
     index->level_[index->levels_++] = {maps, maps, words};
     maps += words;
     while (words > 1) {
@@ -40,84 +41,104 @@ SlotIndex *SlotIndex::make(void *block, u32 slots) noexcept
     return index;
 }
 
-// A bit of a summary says on which side of an edge the word below it is: empty or not for `any`, full or not for
-// `full`. Most changes of a word do not cross the edge, and then the levels above stay as they are.
-void SlotIndex::change(u32 slot, bool used) noexcept
+// Up to the first level that knows already: what is above knows, too.
+void SlotIndex::mark_not_empty(u32 word) noexcept
 {
-    const auto write = [used](Word &word, u32 bit) {
-        const Word mask = Word{1} << bit % kBits;
-        const Word before = word;
-        word = used ? before | mask : before & ~mask;
-        return before;
-    };
-    const auto crossed = [](Word before, Word after, Word edge) { return (before == edge) != (after == edge); };
-
-    Word &lowest = level_[0].any[slot / kBits];
-    const Word before = write(lowest, slot);
-    const auto carry_up = [&](Word *Level::*map, Word edge) {
-        u32 bit = slot;
-        bool crossing = crossed(before, lowest, edge);
-        for (unsigned level = 1; crossing && level < levels_; ++level) {
-            bit /= kBits;
-            Word &word = (level_[level].*map)[bit / kBits];
-            const Word was = write(word, bit);
-            crossing = crossed(was, word, edge);
+    for (unsigned level = 1; level < levels_; ++level, word /= kBits) {
+        Word &summary = level_[level].any[word / kBits];
+        const Word bit = Word{1} << word % kBits;
+        if ((summary & bit) != 0) {
+            return;
         }
-    };
-    carry_up(&Level::any, 0);
-    carry_up(&Level::full, kAll);
+        summary |= bit;
+    }
 }
 
-// Up to the first level whose word has a set bit (after the flip) from here on, then down to the lowest such slot. Past
-// the last word there is nothing to find; the bits that a summary has beyond its words read as "not full".
-u32 SlotIndex::next(u32 from, Word *Level::*map, Word flip) const noexcept
+void SlotIndex::mark_not_full(u32 word) noexcept
+{
+    for (unsigned level = 1; level < levels_; ++level, word /= kBits) {
+        Word &summary = level_[level].full[word / kBits];
+        const Word bit = Word{1} << word % kBits;
+        if ((summary & bit) == 0) {
+            return;
+        }
+        summary &= ~bit;
+    }
+}
+
+// A search has met a word whose summary may promise too much.
+void SlotIndex::set_summary(unsigned level, Word *Level::*map, u32 word, bool value) noexcept
+{
+    if (level < levels_) {
+        Word &summary = (level_[level].*map)[word / kBits];
+        const Word bit = Word{1} << word % kBits;
+        summary = value ? summary | bit : summary & ~bit;
+    }
+}
+
+// Up to the first level whose word has a bit (after the flip) from here on, then down to the lowest such slot; a branch
+// that ends in nothing is corrected and left upwards again. Past the last word there is nothing to find; the bits that
+// `full` has beyond its words read as "not full".
+u32 SlotIndex::next(u32 from, Word *Level::*map, Word flip) noexcept
 {
     unsigned level = 0;
     u32 at = from;
-    for (;; ++level, at = at / kBits + 1) {
-        if (level == levels_ || at / kBits >= level_[level].words) {
-            return kNone;
+    while (level < levels_ && at / kBits < level_[level].words) {
+        const u32 index = at / kBits;
+        const Word word = (level_[level].*map)[index] ^ flip;
+        const Word rest = word >> at % kBits;
+        if (rest == 0) {
+            if (word == 0) {
+                set_summary(level + 1, map, index, flip != 0);
+            }
+            ++level;
+            at = index + 1;
+            continue;
         }
-        const Word word = ((level_[level].*map)[at / kBits] ^ flip) >> at % kBits;
-        if (word != 0) {
-            at += static_cast<u32>(std::countr_zero(word));
-            break;
+        at += static_cast<u32>(std::countr_zero(rest));
+        if (level == 0) {
+            return at;
         }
-    }
-    while (level-- > 0) {
+        --level;
         if (at >= level_[level].words) {
             return kNone;
         }
-        at = at * kBits + static_cast<u32>(std::countr_zero((level_[level].*map)[at] ^ flip));
+        at *= kBits;
     }
-    return at;
+    return kNone;
 }
 
-u32 SlotIndex::next_free(u32 from) const noexcept { return next(from, &Level::full, kAll); }
+u32 SlotIndex::next_free(u32 from) noexcept { return next(from, &Level::full, kAll); }
 
-u32 SlotIndex::next_used(u32 from) const noexcept { return next(from, &Level::any, 0); }
+u32 SlotIndex::next_used(u32 from) noexcept { return next(from, &Level::any, 0); }
 
-u32 SlotIndex::previous_used(u32 from) const noexcept
+u32 SlotIndex::previous_used(u32 from) noexcept
 {
     unsigned level = 0;
     u32 at = from;
-    for (;; ++level, at = at / kBits - 1) {
-        if (level == levels_) {
+    while (level < levels_) {
+        const u32 index = at / kBits;
+        const Word word = level_[level].any[index];
+        const Word rest = word << (kBits - 1 - at % kBits);
+        if (rest != 0) {
+            at -= static_cast<u32>(std::countl_zero(rest));
+            if (level == 0) {
+                return at;
+            }
+            --level;
+            at = at * kBits + (kBits - 1);
+            continue;
+        }
+        if (word == 0) {
+            set_summary(level + 1, &Level::any, index, false);
+        }
+        if (index == 0) {
             return kNone;
         }
-        const Word word = level_[level].any[at / kBits] << (kBits - 1 - at % kBits);
-        if (word != 0) {
-            at -= static_cast<u32>(std::countl_zero(word));
-            break;
-        }
-        if (at < kBits) {
-            return kNone;
-        }
+        ++level;
+        at = index - 1;
     }
-    while (level-- > 0) {
-        at = at * kBits + (kBits - 1 - static_cast<u32>(std::countl_zero(level_[level].any[at])));
-    }
-    return at;
+    return kNone;
 }
 
 }  // namespace memm

@@ -65,9 +65,11 @@ Result start(u32 pools, int parameter) noexcept
     if (!adopt_table(table, pools)) {
         return Result::no_memory;
     }
-    registry.aid(PoolId::descriptors) = {nullptr, Divisor{kDescriptorBytes}};
+    registry.enrol(registry.at(0));
+    registry.aid(PoolId::descriptors).slot_size = Divisor{kDescriptorBytes};
     registry.place(Held::by_caller(), PoolId::descriptors);
-    install_signal_handlers(!ManagerLock::recognise());
+    ManagerLock::recognise();
+    install_signal_handlers();
     for (const Module &module : modules()) {
         if (const Result started = module.start(parameter); started != Result::ok) {
             return started;

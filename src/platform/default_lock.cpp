@@ -4,12 +4,12 @@ namespace memm {
 
 constinit DefaultLock default_lock;
 
-// Each round takes the notes it finds; one that comes during a round is found by the next. The caller's hold is the
-// last one, else a later leave() will do this.
+// Each round takes the notes it finds; one that comes during a round is found by the next. The caller holds the lock;
+// where that hold is not the last one, a later leave() will do this.
 void DefaultLock::settle_notes() noexcept
 {
     void (*const deliver)() = deliver_.load(std::memory_order_acquire);
-    if (deliver == nullptr || !lock_.is_mine() || lock_.is_nested() || BusyTask::is_busy()) {
+    if (deliver == nullptr || lock_.is_nested() || BusyTask::is_busy()) {
         return;
     }
     while (has_notes()) {
@@ -24,11 +24,11 @@ void DefaultLock::do_noted() noexcept
         return;
     }
     while (has_notes() && lock_.is_free()) {
-        if (inside_another_.load(std::memory_order_relaxed)) {
+        if (!is_alone()) {
             deliver();
         } else if (lock_.try_take()) {
             settle_notes();
-            lock_.release();
+            lock_.release_mine();
         }
     }
 }

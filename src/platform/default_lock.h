@@ -12,10 +12,10 @@ namespace memm {
 
 class DefaultLock {
     FutexLock lock_;
-    std::atomic<unsigned> notes_{0};
+    // Everything that keeps leave() from its short way: the notes, and whether this lock stands inside another.
+    static constexpr unsigned kInsideAnother = 0x80000000U;
+    std::atomic<unsigned> unusual_{kInsideAnother};
     std::atomic<void (*)()> deliver_{nullptr};
-
-    std::atomic<bool> inside_another_{false};
 
     void settle_notes() noexcept;
 
@@ -23,13 +23,17 @@ public:
     void enter() noexcept { lock_.take(); }
 
     // Before the last hold goes, what was noted meanwhile is done under it; afterwards the notes are looked at again,
-    // for one may have come between that look and the release.
+    // for one may have come between that look and the release. Nothing happens when the caller has no hold.
     void leave() noexcept
     {
-        if (notes_.load(std::memory_order_relaxed) != 0) [[unlikely]] {
+        if (!lock_.is_mine()) [[unlikely]] {
+            return;
+        }
+        if (unusual_.load(std::memory_order_relaxed) != 0) [[unlikely]] {
             settle_notes();
         }
-        if (lock_.release() && notes_.load(std::memory_order_seq_cst) != 0) [[unlikely]] {
+        lock_.release_mine();
+        if (unusual_.load(std::memory_order_seq_cst) != 0) [[unlikely]] {
             do_noted();
         }
     }
@@ -39,26 +43,28 @@ public:
 
     // --- notes: one bit a kind ---
 
-    // Who answers the notes. With `inside_another` lock that the application put in the place of P and V, whoever needs
-    // both takes that one first; then the notes are answered without this lock held, and the answer takes both.
-    void answer_notes_by(void (*deliver)(), bool inside_another) noexcept
-    {
-        inside_another_.store(inside_another, std::memory_order_relaxed);
-        deliver_.store(deliver, std::memory_order_release);
-    }
-
     // From a signal handler; then either do_noted() finds the lock free or its holder finds the note.
     void note(unsigned bit) noexcept
     {
-        notes_.fetch_or(bit, std::memory_order_seq_cst);
+        unusual_.fetch_or(bit, std::memory_order_seq_cst);
         std::atomic_thread_fence(std::memory_order_seq_cst);
     }
-    bool take_note(unsigned bit) noexcept { return (notes_.fetch_and(~bit, std::memory_order_seq_cst) & bit) != 0; }
-    void drop_notes() noexcept { notes_.store(0, std::memory_order_relaxed); }
-    bool has_notes() const noexcept { return notes_.load(std::memory_order_seq_cst) != 0; }
+    bool take_note(unsigned bit) noexcept { return (unusual_.fetch_and(~bit, std::memory_order_seq_cst) & bit) != 0; }
+    void drop_notes() noexcept { unusual_.fetch_and(kInsideAnother, std::memory_order_relaxed); }
+    bool has_notes() const noexcept { return (unusual_.load(std::memory_order_seq_cst) & ~kInsideAnother) != 0; }
 
     // Answers the notes now unless somebody holds the lock, the caller included. Does not wait for this lock.
     void do_noted() noexcept;
+
+    // Who answers the notes.
+    void answer_notes_by(void (*deliver)()) noexcept { deliver_.store(deliver, std::memory_order_release); }
+
+    // --- the application's own lock ---
+
+    // P and V lead to this lock and to nothing else. Until that is known, whoever needs it goes through them first;
+    // then the notes are answered without this lock held, and the answer takes both.
+    bool is_alone() const noexcept { return (unusual_.load(std::memory_order_relaxed) & kInsideAnother) == 0; }
+    void stand_alone() noexcept { unusual_.fetch_and(~kInsideAnother, std::memory_order_relaxed); }
 };
 
 extern constinit DefaultLock default_lock;

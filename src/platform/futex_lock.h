@@ -95,24 +95,29 @@ public:
     // Waits by the monotonic clock; false when the time ran out.
     bool take_for(int milliseconds) noexcept;
 
-    // Drops one hold; false, and nothing happens, when the caller has none. Letting go is sequentially consistent, so
-    // that whoever notes something and then finds the lock owned is seen by the owner's next look at the notes.
+    // Drops one hold; false, and nothing happens, when the caller has none.
     bool release() noexcept
     {
-        const std::uintptr_t task = me();
-        if (!owned_by(word_.load(std::memory_order_relaxed), task)) {
+        if (!is_mine()) {
             return false;
         }
-        if (const std::uint32_t extra = extra_.load(std::memory_order_relaxed); extra != 0) {
+        release_mine();
+        return true;
+    }
+
+    // For a caller that is known to hold it. Letting go is sequentially consistent, so that whoever notes something and
+    // then finds the lock owned is seen by the owner's next look at the notes.
+    void release_mine() noexcept
+    {
+        if (const std::uint32_t extra = extra_.load(std::memory_order_relaxed); extra != 0) [[unlikely]] {
             extra_.store(extra - 1, std::memory_order_relaxed);
         } else if (process_has_one_thread()) {
             std::atomic_signal_fence(std::memory_order_seq_cst);
             word_.store(0, std::memory_order_relaxed);
             std::atomic_signal_fence(std::memory_order_seq_cst);
-        } else if ((word_.exchange(0, std::memory_order_seq_cst) & kWaiters) != 0) {
+        } else if ((word_.exchange(0, std::memory_order_seq_cst) & kWaiters) != 0) [[unlikely]] {
             wake_one();
         }
-        return true;
     }
 };
 

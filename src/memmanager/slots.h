@@ -1,0 +1,113 @@
+#pragma once
+
+#include "memmanager/pool.h"
+
+#include <cstring>
+#include <type_traits>
+
+// Taking and giving back slots. What every allocation and release goes through is inline; slots.cpp has the rest.
+namespace memm {
+
+enum class Reserve : bool { closed, open };  // whether an allocation may take spare slots
+
+inline bool is_free(const unsigned char *slot) noexcept { return !ObjectHeader::of_slot(slot).in_use(); }
+
+inline void raise_highest(Pool &pool, int in_use) noexcept
+{
+    raise_to(pool.max_count, in_use);
+    if (const int *base = load(pool.count_base); base != nullptr) {
+        raise_to(pool.max_count_rel, in_use - *base);
+    }
+}
+
+// Small objects as memset does it, but without the call: from both ends, overlapping in the middle. The header is left
+// alone, for others may be reading it.
+inline void clear_object(unsigned char *slot, u32 slot_size) noexcept
+{
+    unsigned char *const object = slot + kHeaderBytes;
+    unsigned char *const end = slot + slot_size;
+    const auto clear_ends = [object, end](auto bytes) {
+        std::memset(object, 0, bytes);
+        std::memset(end - bytes, 0, bytes);
+    };
+    const u32 size = slot_size - kHeaderBytes;
+    if (size > 128) {
+        std::memset(object, 0, size);
+    } else if (size > 64) {
+        clear_ends(std::integral_constant<std::size_t, 64>{});
+    } else if (size > 32) {
+        clear_ends(std::integral_constant<std::size_t, 32>{});
+    } else if (size >= 16) {
+        clear_ends(std::integral_constant<std::size_t, 16>{});
+    } else if (size >= 8) {
+        clear_ends(std::integral_constant<std::size_t, 8>{});
+    } else {
+        clear_ends(std::integral_constant<std::size_t, 4>{});
+    }
+}
+
+// A free slot becomes a zeroed object. Not for descriptors.
+inline void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
+{
+    Pool &pool = *aid.pool;
+    clear_object(slot, pool.slot_size);
+    ObjectHeader{aid.id}.write_to(slot);
+    if (aid.index != nullptr) {
+        aid.index->set(aid.number_of(slot));
+    }
+    raise_highest(pool, add(pool.cur_count, 1));
+    if (slot > pool.last_used) {
+        store(pool.last_used, slot);
+    }
+    return object_in(slot);
+}
+
+void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
+
+// A zeroed object, or null; keeps the counters.
+inline void *take_slot(Held, const PoolAid &aid, Reserve reserve) noexcept
+{
+    Pool &pool = *aid.pool;
+    unsigned char *const slot = pool.first_free;
+    if (!aid.is_ordinary || slot > pool.last_normal || !is_free(slot)) [[unlikely]] {
+        return take_slot_elsewhere(aid, reserve);
+    }
+    store(pool.first_free, slot + pool.slot_size);
+    add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
+    add(pool.alloc_count[MEMM_PATH_FIRST_FREE], 1);
+    return occupy(aid, slot);
+}
+
+// What taking a slot, spare or not, and giving it back at once would leave behind, without touching it: false when none
+// is free. The pool has an object in use.
+bool pass_slot(Held, const PoolAid &aid) noexcept;
+
+// The highest slot in use below a freed one; the first slot when there is none.
+unsigned char *highest_used_below(const PoolAid &aid, unsigned char *slot) noexcept;
+
+// A slot in use becomes free.
+inline void return_slot(Held, const PoolAid &aid, unsigned char *slot) noexcept
+{
+    Pool &pool = *aid.pool;
+    add(pool.cur_count, -1);
+    ObjectHeader{}.write_to(slot);
+    if (aid.index != nullptr) {
+        aid.index->clear(aid.number_of(slot));
+    }
+    if (slot < pool.first_free) {
+        store(pool.first_free, slot);
+    }
+    // Deliberate: when all slots are free again, this ends on the first one, not before it.
+    if (slot == pool.last_used && slot > pool.slots) {
+        store(pool.last_used, highest_used_below(aid, slot));
+    }
+}
+
+// The end of a release to which the object's owner has agreed.
+inline void finish_release(Held held, const PoolAid &aid, unsigned char *slot) noexcept
+{
+    return_slot(held, aid, slot);
+    add(aid.pool->free_count, 1);
+}
+
+}  // namespace memm
