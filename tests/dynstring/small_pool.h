@@ -1,0 +1,49 @@
+#pragma once
+
+#include "dynstring/text_pool.h"
+
+#include <memmanager/dynstring.h>
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+using Texts = std::vector<std::string>;  // tags, mostly
+
+// A string pool with a look inside; without a name, for names are given only once.
+class SmallPool {
+    unsigned id_;
+
+public:
+    explicit SmallPool(unsigned bytes = 4000, int buffers = 2, int count = 50)
+    {
+        static const int started = memm_init(64, 64);
+        EXPECT_EQ(started, 0);
+        id_ = static_cast<unsigned>(dynstr_initpool2("", count, bytes, buffers));
+        EXPECT_NE(id_, 0xffffffffU);
+    }
+
+    unsigned id() const { return id_; }
+    dynstr *make(const char *text = nullptr, unsigned max = 0) const
+    {
+        dynstr *const record = dynstr_calloc_maxsize(id_, max);
+        if (text != nullptr) {
+            EXPECT_EQ(dynstr_setstring(record, text), 0U);
+        }
+        return record;
+    }
+    const memm::strings::TextPool &control() const { return *memm::strings::text_pool(memm::PoolId{id_}); }
+
+    // Lists and sizes agree, and no byte of an earlier text is left in the free space.
+    bool is_sound() const
+    {
+        const memm::strings::TextPool &pool = control();
+        for (unsigned i = 0; i < pool.bufcnt; ++i) {
+            if (std::any_of(pool.buf[i] + pool.used[i], pool.buf[i] + pool.bufsize, [](char c) { return c != 0; })) {
+                return false;
+            }
+        }
+        return dynstr_integrity_check(id_, 0) == 1;
+    }
+};
