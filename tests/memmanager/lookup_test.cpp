@@ -1,3 +1,4 @@
+#include "support/pools.h"
 #include "support/recording_platform.h"
 
 #include <memmanager/memmanager.h>
@@ -12,15 +13,6 @@ namespace {
 using Objects = std::vector<void *>;
 using Strings = std::vector<std::string>;
 
-unsigned make_pool(const char *name, int count, int size = 24, const memm_pooloptions *options = nullptr)
-{
-    static const int started = memm_init(20, 4);
-    EXPECT_EQ(started, 0);
-    const int id = memm_initpool(name, count, size, options);
-    EXPECT_GT(id, 0);
-    return static_cast<unsigned>(id);
-}
-
 // A pool whose slot array could not be had: its id, valid without slots.
 unsigned make_pool_without_slots(unsigned next_id)
 {
@@ -30,8 +22,6 @@ unsigned make_pool_without_slots(unsigned next_id)
     recorder().take_trace();
     return next_id;
 }
-
-unsigned &header_of(void *object) { return static_cast<unsigned *>(object)[-1]; }
 
 int collect(void *object, void *objects)
 {
@@ -70,7 +60,7 @@ TEST(lookup, walks_agree_with_the_objects_in_use_with_and_without_an_index)
                     object = nullptr;
                 }
             }
-            while (memm_get_pool_nolock(pool)->cur_count < static_cast<int>(wanted * count)) {
+            while (pool_at(pool).cur_count < static_cast<int>(wanted * count)) {
                 void *object = memm_calloc(pool);
                 by_index[static_cast<std::size_t>(memm_getindex(object))] = object;
             }
@@ -117,7 +107,7 @@ TEST(lookup, walks_follow_what_their_callbacks_do)
             return static_cast<int>(memm_getindex(object) < 6);
         };
         EXPECT_EQ(memm_enum_objects_nolock(pool, visit, &o), 6);
-        void *const after_last = static_cast<char *>(o[5]) + memm_get_pool_nolock(pool)->slot_size;
+        void *const after_last = static_cast<char *>(o[5]) + pool_at(pool).slot_size;
         EXPECT_EQ(seen, (Objects{o[0], o[1], o[3], o[4], o[5], after_last}));
     }
 }
@@ -157,9 +147,8 @@ TEST(lookup, no_pointer_and_no_id_crashes_or_passes_for_an_object)
     EXPECT_EQ(memm_getfirst(0), nullptr);
     const unsigned pool = make_pool("strict", 4), other = make_pool("other", 4);
     const unsigned bare = make_pool_without_slots(other + 1);
-    auto *const object = static_cast<unsigned char *>(memm_calloc(pool)), *const released =
-                                                                              static_cast<unsigned char *>(
-                                                                                  memm_calloc(pool));
+    const auto take = [pool] { return static_cast<unsigned char *>(memm_calloc(pool)); };
+    auto *const object = take(), *const released = take();
     void *const foreign = memm_calloc(other);
     memm_free(released);
     auto *const guarded =
@@ -168,20 +157,9 @@ TEST(lookup, no_pointer_and_no_id_crashes_or_passes_for_an_object)
     static unsigned below_the_heap[2];
     below_the_heap[0] = pool;
 
-    Objects bad = {nullptr,
-                   released,
-                   released + 24,
-                   guarded,
-                   guarded + 4,
-                   guarded + 4096,
-                   &below_the_heap[1],
-                   &stack[1],
-                   &stack[2],
-                   &stack[3],
-                   reinterpret_cast<void *>(&raise),
-                   reinterpret_cast<void *>(~std::uintptr_t{0}),
-                   object + 1,
-                   object + 6};
+    Objects bad = {nullptr, released, released + 24, object + 1, object + 6, guarded, guarded + 4, guarded + 4096};
+    bad.insert(bad.end(), {&below_the_heap[1], &stack[1], &stack[2], &stack[3], reinterpret_cast<void *>(&raise)});
+    bad.push_back(reinterpret_cast<void *>(~std::uintptr_t{0}));
     for (std::uintptr_t small = 1; small <= 8; ++small) {
         bad.push_back(reinterpret_cast<void *>(small));
     }
@@ -238,9 +216,7 @@ TEST(lookup, tagging_marks_the_objects_of_selected_pools_and_nothing_else)
     EXPECT_EQ(header_of(late), empty);
     memm_tag_objects(nullptr, &mark);
     const std::string all = recorder().take_debug();
-    EXPECT_EQ(all.find("tagged " + std::to_string(memm_get_pool_nolock(0)->cur_count) +
-                       " object(s) in pool memm_pooldesc\r\n"),
-              0U);
+    EXPECT_EQ(all.find("tagged " + std::to_string(pool_at(0).cur_count) + " object(s) in pool memm_pooldesc\r\n"), 0U);
     EXPECT_NE(all.find("tagged 1 object(s) in pool Tag\r\n"), std::string::npos);
     memm_tag_objects("no such pool", &mark);
     EXPECT_EQ(recorder().take_debug(), "");

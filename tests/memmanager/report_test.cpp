@@ -1,9 +1,8 @@
+#include "support/pools.h"
 #include "support/recording_platform.h"
 
 #include <memmanager/memmanager.h>
 #include <memmanager/platform.h>
-#include <cstdarg>
-#include <cstdio>
 #include <gtest/gtest.h>
 
 namespace {
@@ -14,17 +13,11 @@ constexpr const char *kHeader =
 constexpr const char *kTotalLine =
     " ----------------------                           ----------------------------  \r\n";
 
-// 12 bytes: slots of 16 bytes for both word sizes.
-unsigned make_pool(const char *name, int count, const memm_pooloptions &options = {}, int size = 12)
+// Slots of 16 bytes for both word sizes.
+unsigned make_small_pool(const char *name, int count, const memm_pooloptions &options = {})
 {
-    static const int started = memm_init(20, 4);
-    EXPECT_EQ(started, 0);
-    const int id = memm_initpool(name, count, size, &options);
-    EXPECT_GT(id, 0);
-    return static_cast<unsigned>(id);
+    return make_pool(name, count, 12, options);
 }
-
-unsigned &header_of(void *object) { return static_cast<unsigned *>(object)[-1]; }
 
 // "id.name.index.address", as every report names an object.
 std::string identity(void *object)
@@ -61,9 +54,9 @@ TEST(statistics, rows_and_totals_to_the_last_character)
     memm_pooloptions options{};
     options.stats_cb = add_outside_bytes;
     options.cookie = cookie;
-    const unsigned plain = make_pool("r_plain", 10), full = make_pool("r_full", 2, options),
-                   based = make_pool("r_based", 20);
-    make_pool("a name that is longer than any column", 1);
+    const unsigned plain = make_small_pool("r_plain", 10), full = make_small_pool("r_full", 2, options),
+                   based = make_small_pool("r_based", 20);
+    make_small_pool("a name that is longer than any column", 1);
     void *const shared = memm_calloc(plain);
     memm_free(memm_calloc(plain));
     for (int i = 0; i < 3; ++i) {
@@ -105,12 +98,12 @@ TEST(statistics, rows_and_totals_to_the_last_character)
     EXPECT_EQ(statistics_of("no such pool"), "\r\n");
     EXPECT_EQ(recorder().take_tags(), (std::vector<std::string>(3, "memm_print_stats")));
 
-    const memm_pool &table = *memm_get_pool_nolock(0);
+    const memm_pool &table = pool_at(0);
     const int count = table.cur_count, bytes = static_cast<int>(table.slot_size);
-    const int used = count * bytes, all = 20 * bytes, percent = count * 5;
+    const int used = count * bytes, all = 40 * bytes, percent = count * 100 / 40;
     EXPECT_EQ(statistics_of("memm_pooldesc"),
               kHeader +
-                  text(" memm_pooldesc             %6d,%6d,    20   %6d,%6d,%6d  ( %3d%%)     obj:    3,  255  ", count,
+                  text(" memm_pooldesc             %6d,%6d,    40   %6d,%6d,%6d  ( %3d%%)     obj:    3,  255  ", count,
                        count, used, used, all, percent) +
                   "\r\n" + kTotalLine +
                   text(" Total usage                                      %6d,%6d,%6d  ( %3d%%)\r\n\r\n", used, used,
@@ -119,8 +112,8 @@ TEST(statistics, rows_and_totals_to_the_last_character)
 
 TEST(statistics, products_are_cut_to_32_bits_and_nothing_is_divided_by_zero)
 {
-    const unsigned id = make_pool("wide", 10);
-    memm_pool &pool = *memm_get_pool_nolock(id);
+    const unsigned id = make_small_pool("wide", 10);
+    memm_pool &pool = pool_at(id);
     int base = -1;
     memm_get_currentcount_ptr(id, &base, nullptr);
     pool.max_count_rel = 2000000000;
@@ -132,25 +125,12 @@ TEST(statistics, products_are_cut_to_32_bits_and_nothing_is_divided_by_zero)
     EXPECT_NE(report.find("    16,1935228928,   160  ( 1209518080%)\r\n"), std::string::npos) << report;
 }
 
-std::string printed;
-
-int print_own(const char *format, ...)
-{
-    char line[512];
-    va_list arguments;
-    va_start(arguments, format);
-    const int length = std::vsnprintf(line, sizeof line, format, arguments);
-    va_end(arguments);
-    printed += line;
-    return length;
-}
-
 TEST(statistics, go_to_the_callers_print_function)
 {
-    make_pool("own", 1);
+    make_small_pool("own", 1);
     const std::string expected = statistics_of("own");
-    memm_print_stats2("own", print_own);
-    EXPECT_EQ(printed, expected);
+    memm_print_stats2("own", trc_def_printf);
+    EXPECT_EQ(recorder().take_trace(), expected);
     EXPECT_EQ(recorder().take_debug(), "");
     recorder().take_tags();
     memm_print_stats2("own", nullptr);
@@ -175,9 +155,9 @@ TEST(object_listing, shows_what_level_and_filter_let_through)
     options.stats_cb = add_outside_bytes;
     static char cookie[] = " more";
     options.cookie = cookie;
-    const unsigned pool = make_pool("l_pool", 8, options);
-    make_pool("l_a name of twenty-seven ch", 1);
-    make_pool("l_a name of twenty-five c", 1);
+    const unsigned pool = make_small_pool("l_pool", 8, options);
+    make_small_pool("l_a name of twenty-seven ch", 1);
+    make_small_pool("l_a name of twenty-five c", 1);
     int *objects[4];
     for (int i = 0; i < 4; ++i) {
         objects[i] = static_cast<int *>(memm_calloc(pool));
@@ -202,7 +182,7 @@ TEST(object_listing, shows_what_level_and_filter_let_through)
     memm_print_objects("no such pool");
     EXPECT_EQ(recorder().take_debug(), "\r\n");
 
-    memm_get_pool_nolock(pool)->cur_count = 7;
+    pool_at(pool).cur_count = 7;
     EXPECT_EQ(objects_of("l_pool"),
               "l_pool....................usage cur/max/avail (max.%): 7/4/8 (50%)+ more\r\n" + even +
                   "\r\n[MEMM] ERROR: actual object count (3) differs from pool count (7)\r\n\r\n");
@@ -212,7 +192,7 @@ TEST(printed_object, is_named_whatever_the_pointer_is)
 {
     memm_pooloptions options{};
     options.print_cb = print_value;
-    const unsigned pool = make_pool("p", 8, options);
+    const unsigned pool = make_small_pool("p", 8, options);
     auto *const object = static_cast<int *>(memm_calloc(pool));
     auto *const released = static_cast<int *>(memm_calloc(pool));
     memm_free(released);
@@ -233,19 +213,10 @@ TEST(printed_object, is_named_whatever_the_pointer_is)
     EXPECT_EQ(print(released, 1), text("?.?.?.0x%08lx: invalid object", reinterpret_cast<unsigned long>(released)));
 }
 
-std::string repeated(int times, const std::string &line)
-{
-    std::string lines;
-    while (times-- > 0) {
-        lines += line;
-    }
-    return lines;
-}
-
 TEST(integrity, findings_are_traced_slot_by_slot_and_change_nothing)
 {
-    const unsigned pool_id = make_pool("i_pool", 5);
-    memm_pool &pool = *memm_get_pool_nolock(pool_id);
+    const unsigned pool_id = make_small_pool("i_pool", 5);
+    memm_pool &pool = pool_at(pool_id);
     void *objects[3];
     for (void *&object : objects) {
         object = memm_calloc(pool_id);
@@ -267,7 +238,7 @@ TEST(integrity, findings_are_traced_slot_by_slot_and_change_nothing)
     EXPECT_EQ(traced(), below + below);
     pool.first_free = pool.slots;
     pool.last_used = pool.last_item + 1;
-    EXPECT_EQ(traced(), repeated(5, beyond));
+    EXPECT_EQ(traced(), beyond + beyond + beyond + beyond + beyond);
     memm_set_trace(1);
     EXPECT_EQ(traced(), "");
     memm_set_trace(2);

@@ -1,3 +1,4 @@
+#include "support/pools.h"
 #include "support/recording_platform.h"
 
 #include <memmanager/memmanager.h>
@@ -56,14 +57,13 @@ void print_extra(void *cookie, int *a, int *b, int *c, memm_printf_fn print)
 
 TEST(timing_report, shows_the_counters_by_path)
 {
-    ASSERT_EQ(memm_init(10, 4), 0);
     static char cookie[] = "cookie";
     memm_pooloptions options{};
     options.stats_cb = print_extra;
     options.cookie = cookie;
-    const auto busy = static_cast<unsigned>(memm_initpool("t_busy", 4, 8, &options));
-    memm_initpool("t_idle", 4, 8, nullptr);
-    const auto quiet = static_cast<unsigned>(memm_initpool("t_quiet", 4, 8, nullptr));
+    const unsigned busy = make_pool("t_busy", 4, 8, options);
+    make_pool("t_idle", 4);
+    memm_calloc(make_pool("t_quiet", 4));
     void *o[3];
     for (void *&object : o) {
         object = memm_calloc(busy);
@@ -78,7 +78,6 @@ TEST(timing_report, shows_the_counters_by_path)
     EXPECT_EQ(memm_calloc(busy), nullptr);  // and once nothing
     recorder().take_errors();
     recorder().take_trace();
-    memm_calloc(quiet);
     memm_pool *pool = memm_get_pool_nolock(busy);
     pool->alloc_time[MEMM_PATH_TOTAL] = 4294967295U;
     pool->alloc_time_max[MEMM_PATH_TOTAL] = 1001;
