@@ -71,12 +71,6 @@ std::string text(const char *format, ...)
     return result;
 }
 
-int scaled(int rounds)
-{
-    const char *percent = std::getenv("MEMM_TEST_SCALE");
-    return percent == nullptr ? rounds : static_cast<int>(static_cast<long long>(rounds) * std::atoi(percent) / 100);
-}
-
 // --- captures ---
 
 void Recorder::print(std::string Recorder::*channel, const char *format, va_list arguments)

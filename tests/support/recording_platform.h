@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/rounds.h"
+
 #include <atomic>
 #include <deque>
 #include <mutex>
@@ -110,6 +112,3 @@ Recorder &recorder();
 
 // As sprintf.
 [[gnu::format(printf, 1, 2)]] std::string text(const char *format, ...);
-
-// Rounds of a long random test: a part of them where MEMM_TEST_SCALE says so, in percent.
-int scaled(int rounds);
