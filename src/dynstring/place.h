@@ -22,19 +22,50 @@ class Rewrite {
     dynstr outside_before_{};  // the stand-by of a record whose text is in no buffer
     dynstr *before_ = nullptr;
     u32 max_size_;
+    StringInfo info_;  // what the record's word will be; written once
     u32 real_size_ = 0;
     Result result_ = Result::ok;
 
-    void link_in_place_of(dynstr &old) noexcept;
+    PoolId records() const noexcept { return PoolId{pool_.poolid}; }
+
+    bool set_aside_with_slot() noexcept;
     void relocate() noexcept;
     void correct_size() noexcept;
-    void commit() noexcept;
-    void append_to_list() noexcept;
-    void drop_stand_by() noexcept;
+    void drop_slot() noexcept;
+
+    // The text, of this size, belongs to the current buffer from now on.
+    void commit(u32 size) noexcept
+    {
+        const u32 buffer = pool_.curbuf;
+        pool_.used[buffer] += size;
+        pool_.usedbytes += size;
+        raise_to(pool_.peakbytes, pool_.usedbytes - pool_.delbytes);
+        raise_to(pool_.peak[buffer], pool_.used[buffer] - pool_.bufdelbytes[buffer]);
+        if (dynstr *&last = pool_.last[buffer]; last != &record_) {
+            record_.prev = last;
+            (last == nullptr ? pool_.first[buffer] : last->next) = &record_;
+            last = &record_;
+            ++pool_.cnt[buffer];
+        }
+        set_info(record_, info_.with_buffer(buffer));
+        if (pool_.cnt[buffer] > pool_.balance_limit) [[unlikely]] {
+            compact(held_, pool_, Reason::balance);
+        }
+        if (load(pool_.gcrequest) != 0) [[unlikely]] {
+            compact(held_, pool_, Reason::depleted);
+        }
+    }
+
+    // An empty record has no text and counts as a literal.
+    void stay_empty() noexcept
+    {
+        record_.str = nullptr;
+        set_info(record_, info_.with_literal(true));
+    }
 
 public:
     Rewrite(Held held, TextPool &pool, dynstr &record) noexcept
-        : held_(held), pool_(pool), record_(record), max_size_(info_of(record).max_size())
+        : held_(held), pool_(pool), record_(record), max_size_(info_of(record).max_size()), info_(info_of(record))
     {
     }
 
@@ -44,29 +75,82 @@ public:
 
     // Empties the record; false when there is no stand-by record. Some callers may have to leave that one behind.
     enum class StandBy : unsigned char { may_be_booked, has_a_slot };
-    [[nodiscard]] bool set_aside(StandBy kind = StandBy::may_be_booked) noexcept;
+    [[nodiscard]] bool set_aside(StandBy kind = StandBy::may_be_booked) noexcept
+    {
+        if (is_in_buffer(record_) || kind == StandBy::has_a_slot) {
+            if (!set_aside_with_slot()) {
+                return false;
+            }
+        } else {
+            if (!allocate_in_passing(held_, records())) [[unlikely]] {
+                return false;
+            }
+            outside_before_ = record_;
+            before_ = &outside_before_;
+        }
+        record_.str = nullptr;
+        record_.prev = nullptr;
+        record_.next = nullptr;
+        info_ = StringInfo{0};
+        return true;
+    }
 
     // Room for a text of that many bytes, its zero included: in the current buffer when it has `size` bytes left, else
     // `real` bytes outside. Null, and finish() will answer no_memory, when there is none or no record can hold the
     // size.
-    [[nodiscard]] char *make_room(u64 size, u64 real) noexcept;
+    [[nodiscard]] char *make_room(u64 size, u64 real) noexcept
+    {
+        if (size > pool_.room() || size > kMaxTextSize) [[unlikely]] {
+            return make_room_outside(size, real);
+        }
+        return record_.str = pool_.fill_position();
+    }
 
     // A block outside, where the size is known to find no room in the current buffer.
     [[nodiscard]] char *make_room_outside(u64 size, u64 real) noexcept;
 
     // Takes back the text at the end of the current buffer, to write it anew from there on.
-    void reopen() noexcept;
+    void reopen() noexcept
+    {
+        const u32 size = info_.size();
+        pool_.used[pool_.curbuf] -= size;
+        pool_.usedbytes -= size;
+    }
 
     // The text stands in the room: `size` as it was asked for, `real` as it is (with its zero; 0 when nothing stands).
-    void wrote(u32 size, u32 real) noexcept;
+    void wrote(u32 size, u32 real) noexcept
+    {
+        real_size_ = real;
+        info_ = info_.with_size(size);
+    }
 
     // There is no such text; the record ends up empty. After this the old text is lost.
     void fail_too_large() noexcept;
 
     // Deliberate: an append that finds no block outside leaves the old text with the stand-by record for good.
-    void leave_stand_by() noexcept;
+    void leave_stand_by() noexcept { before_ = nullptr; }
 
-    Result finish() noexcept;
+    Result finish() noexcept
+    {
+        if ((pool_.flags & TextPool::kOutside) != 0) [[unlikely]] {
+            relocate();
+        }
+        if (result_ == Result::ok && info_.size() != real_size_) [[unlikely]] {
+            correct_size();
+        }
+        if (max_size_ != 0) {
+            info_ = info_.with_max_size(max_size_);
+        }
+        if (const u32 size = info_.size(); size != 0) {
+            commit(size);
+        } else {
+            stay_empty();
+        }
+        if (before_ != nullptr && before_ != &outside_before_) {
+            drop_slot();
+        }
+        return result_;
+    }
 };
 
 }  // namespace memm::strings

@@ -9,10 +9,9 @@
 
 namespace memm::strings {
 
-namespace {
-
-// "dynstr_pool", the pool of control blocks; invalid until it is there.
 constinit PoolId control_pool = PoolId::invalid;
+
+namespace {
 
 constexpr int kReserveOfSmallPool = 5;
 constexpr int kReserve = 20;
@@ -26,40 +25,11 @@ void print_control_block(void *object)
 
 }  // namespace
 
-namespace {
-
-// Control blocks are the objects in use of their pool.
+// Control blocks are the objects in use of their pool. Other cookies are their owners' business and may point nowhere.
 bool is_control_block(const void *cookie) noexcept
 {
     const PoolAid *const owner = owner_of(cookie);
     return owner != nullptr && owner->id == load(control_pool);
-}
-
-}  // namespace
-
-// A cookie is read through only when it is the address of a control block: any other value is its owner's business, and
-// may point nowhere. The cookie that a string pool was given at its creation is known to be one.
-TextPool *text_pool_of(const PoolAid &aid) noexcept
-{
-    void *const cookie = load(aid.pool->options.cookie);
-    if (cookie == nullptr) {
-        return nullptr;
-    }
-    const bool known =
-        cookie == load(aid.control) && ObjectHeader::of_slot(slot_of(cookie)).pool() == load(control_pool);
-    return known || is_control_block(cookie) ? static_cast<TextPool *>(cookie) : nullptr;
-}
-
-TextPool *text_pool(PoolId id) noexcept
-{
-    const PoolAid *const aid = registry.find_aid(id);
-    return aid == nullptr ? nullptr : text_pool_of(*aid);
-}
-
-TextPool *owner_pool(const void *record) noexcept
-{
-    const PoolAid *const aid = owner_of(record);
-    return aid != nullptr && aid->pool->slot_size >= slot_bytes(sizeof(dynstr)) ? text_pool_of(*aid) : nullptr;
 }
 
 bool is_string(const void *record) noexcept

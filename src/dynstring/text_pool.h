@@ -63,12 +63,37 @@ struct TextPool {
 
 static_assert(sizeof(void *) != 4 || sizeof(TextPool) == 272);
 
-// The control block of a string pool; null for every other pool, whatever its cookie is.
-TextPool *text_pool_of(const PoolAid &aid) noexcept;
-TextPool *text_pool(PoolId id) noexcept;
+// "dynstr_pool", the pool of control blocks; invalid until it is there.
+extern constinit PoolId control_pool;
+
+// Any cookie: whether it is the address of a control block.
+bool is_control_block(const void *cookie) noexcept;
+
+// The control block of a string pool; null for every other pool, whatever its cookie is. The cookie that the pool was
+// given at its creation is known to be one.
+inline TextPool *text_pool_of(const PoolAid &aid) noexcept
+{
+    void *const cookie = load(aid.pool->options.cookie);
+    if (cookie == nullptr) {
+        return nullptr;
+    }
+    const bool known =
+        cookie == load(aid.control) && ObjectHeader::of_slot(slot_of(cookie)).pool() == load(control_pool);
+    return known || is_control_block(cookie) ? static_cast<TextPool *>(cookie) : nullptr;
+}
+
+inline TextPool *text_pool(PoolId id) noexcept
+{
+    const PoolAid *const aid = registry.find_aid(id);
+    return aid == nullptr ? nullptr : text_pool_of(*aid);
+}
 
 // The control block of the pool whose record this is; null for every other pointer. Deleted records have one too.
-TextPool *owner_pool(const void *record) noexcept;
+inline TextPool *owner_pool(const void *record) noexcept
+{
+    const PoolAid *const aid = owner_of(record);
+    return aid != nullptr && aid->pool->slot_size >= slot_bytes(sizeof(dynstr)) ? text_pool_of(*aid) : nullptr;
+}
 
 // As dynstr_isdynstring(): a record of a string pool, not deleted.
 bool is_string(const void *record) noexcept;

@@ -111,8 +111,8 @@ void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept
     return object;
 }
 
-// The slot's return would bring first_free back to it, and last_used to the slot that is the highest in use now.
-bool pass_slot(Held, const PoolAid &aid) noexcept
+// The slot's return would bring first_free back to it.
+bool pass_slot_elsewhere(const PoolAid &aid) noexcept
 {
     Pool &pool = *aid.pool;
     const Found found = find_free(aid, pool.last_item);

@@ -78,9 +78,22 @@ inline void *take_slot(Held, const PoolAid &aid, Reserve reserve) noexcept
     return occupy(aid, slot);
 }
 
+bool pass_slot_elsewhere(const PoolAid &aid) noexcept;
+
 // What taking a slot, spare or not, and giving it back at once would leave behind, without touching it: false when none
-// is free. The pool has an object in use.
-bool pass_slot(Held, const PoolAid &aid) noexcept;
+// is free. The pool has an object in use, so that last_used would end where it is.
+inline bool pass_slot(Held, const PoolAid &aid) noexcept
+{
+    Pool &pool = *aid.pool;
+    if (!aid.is_ordinary || pool.first_free > pool.last_normal || !is_free(pool.first_free)) [[unlikely]] {
+        return pass_slot_elsewhere(aid);
+    }
+    add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
+    add(pool.alloc_count[MEMM_PATH_FIRST_FREE], 1);
+    raise_highest(pool, load(pool.cur_count) + 1);
+    add(pool.free_count, 1);
+    return true;
+}
 
 // The highest slot in use below a freed one; the first slot when there is none.
 unsigned char *highest_used_below(const PoolAid &aid, unsigned char *slot) noexcept;
