@@ -71,21 +71,23 @@ TEST(written_text, is_whole_or_cut_at_its_limit_whatever_room_there_is)
         for (unsigned room = 0; room <= 40; ++room) {
             for (unsigned length = 0; length <= 44; ++length) {
                 for (const unsigned max : {0U, 1U, 2U, 7U, 8U, 40U}) {
-                    SCOPED_TRACE(text("%s: room %u, length %u, max %u", kind.name, room, length, max));
-                    leave_room(pool, room);
-                    dynstr *const string = pool.make(nullptr, max);
-                    const unsigned before = recorder().calls(Op::getmem);
-                    const unsigned judged = kind.judged_size(length, max);
-                    const std::string expected = kind.expected(length, max);
-                    const bool fits = judged == 0 || expected.size() < room;
-                    ASSERT_EQ(kind.write(string, length), fits ? 0 : kNoMemory);
-                    ASSERT_STREQ(dynstr_getstring(string), fits ? expected.c_str() : "");
-                    ASSERT_EQ(dynstr_strlen(string), fits ? expected.size() : 0);
-                    ASSERT_EQ(string->str == nullptr, !fits || judged == 0);
-                    ASSERT_EQ(dynstr_getmaxsize(string), max);
-                    ASSERT_EQ(recorder().calls(Op::getmem) - before, judged > room ? 1U : 0U);
-                    ASSERT_TRUE(pool.is_sound());
-                    memm_free(string);
+                    for (const bool has_blocks : {true, false}) {
+                        SCOPED_TRACE(text("%s: room %u, length %u, max %u", kind.name, room, length, max));
+                        leave_room(pool, room);
+                        dynstr *const string = pool.make(nullptr, max);
+                        const unsigned judged = kind.judged_size(length, max), before = recorder().calls(Op::getmem);
+                        const std::string expected = kind.expected(length, max);
+                        const bool fits = judged <= room || (has_blocks && expected.size() < room);
+                        recorder().fail_nth(Op::getmem, has_blocks ? 0 : 1, 7, Fault::null_block);
+                        ASSERT_EQ(kind.write(string, length), fits ? 0 : kNoMemory);
+                        ASSERT_STREQ(dynstr_getstring(string), fits ? expected.c_str() : "");
+                        ASSERT_EQ(dynstr_strlen(string), fits ? expected.size() : 0);
+                        ASSERT_EQ(string->str == nullptr, !fits || judged == 0);
+                        ASSERT_EQ(dynstr_getmaxsize(string), max);
+                        ASSERT_EQ(recorder().calls(Op::getmem) - before, judged > room ? 1U : 0U);
+                        ASSERT_TRUE(pool.is_sound());
+                        memm_free(string);
+                    }
                 }
             }
         }
@@ -169,35 +171,6 @@ TEST(written_text, that_no_record_can_hold_leaves_an_empty_string_and_one_line)
     EXPECT_TRUE(pool.is_sound());
 }
 
-TEST(written_text, needs_a_block_outside_and_goes_without_a_trace_when_there_is_none)
-{
-    const SmallPool pool(40, 2);
-    struct Case {
-        std::function<unsigned(dynstr *)> set;
-        std::function<dynstr *()> create;
-    };
-    const Case kCases[] = {
-        {[](dynstr *d) { return dynstr_sprintf(d, "%030d", 1); },
-         [&pool] { return dynstr_fromprintf(pool.id(), "%030d", 1); }},
-        {[](dynstr *d) { return dynstr_sethexstring(d, kBytes, 15); },
-         [&pool] { return dynstr_hexstringfromdata(pool.id(), kBytes, 15); }},
-    };
-    for (const Case &test : kCases) {
-        for (const Fault fault : {Fault::refused, Fault::null_block}) {
-            dynstr *const string = pool.make("abc");
-            const int count = *pool.control().pcurcnt;
-            recorder().fail_nth(Op::getmem, 1, 7, fault);
-            EXPECT_EQ(test.create(), nullptr);
-            EXPECT_EQ(*pool.control().pcurcnt, count) << "the record was not given back";
-            recorder().fail_nth(Op::getmem, 1, 7, fault);
-            EXPECT_EQ(test.set(string), kNoMemory);
-            EXPECT_STREQ(dynstr_getstring(string), "");
-            EXPECT_TRUE(pool.is_sound());
-            memm_free(string);
-        }
-    }
-}
-
 // --- the way in ---
 
 dynstr *from_list(unsigned pool, const char *format, ...)
@@ -211,8 +184,8 @@ dynstr *from_list(unsigned pool, const char *format, ...)
 
 TEST(formatted_output, refuses_what_is_no_string_and_no_string_pool)
 {
-    const SmallPool pool;
-    const auto other = static_cast<unsigned>(memm_initpool("other", 2, 64, nullptr));
+    const SmallPool pool, full(1, 1);
+    const auto other = static_cast<unsigned>(memm_initpool("", 2, 64, nullptr));
     dynstr *const deleted = pool.make("1");
     memm_free(deleted);
     recorder().take_tags();
@@ -246,6 +219,9 @@ TEST(formatted_output, refuses_what_is_no_string_and_no_string_pool)
             EXPECT_EQ(recorder().take_trace(), text("[DYNSTR] %s: invalid poolid passed\r\n", constructor.name));
             EXPECT_EQ(recorder().take_tags(), Texts());
         }
+        EXPECT_EQ(constructor.call(full.id()), nullptr);
+        EXPECT_EQ(*full.control().pcurcnt, 1) << "the record was not given back";
+        recorder().take_tags();
         EXPECT_NE(constructor.call(pool.id()), nullptr);
         EXPECT_EQ(recorder().take_tags(), Texts{constructor.name});
     }
