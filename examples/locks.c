@@ -1,17 +1,19 @@
 /* A lock that says how long it was waited for, and a stopwatch. */
+#define _POSIX_C_SOURCE 200809L /* nanosleep */
+
 #include <memmanager/lock.h>
 #include <memmanager/timestat.h>
+#include <pthread.h>
 #include <stdio.h>
-#include <threads.h>
+#include <time.h>
 
 static LOCK table;
 
-static int wait_for_table(void *unused)
+static void *wait_for_table(void *unused)
 {
     lock_lock(&table, 0, "wait_for_table");
     lock_unlock(&table);
-    (void)unused;
-    return 0;
+    return unused;
 }
 
 int main(void)
@@ -20,15 +22,15 @@ int main(void)
     lock_lock(&table, 0, "main");
     printf("held %d times\n", lock_lock(&table, 0, "main")); /* its holder may take it again */
 
-    thrd_t waiter;
+    pthread_t waiter;
     timestat held;
     timestat_starttime(&held);
-    thrd_create(&waiter, wait_for_table, NULL);
-    thrd_sleep(&(struct timespec){.tv_nsec = 20000000}, NULL);
+    pthread_create(&waiter, NULL, wait_for_table, NULL);
+    nanosleep(&(struct timespec){.tv_nsec = 20000000}, NULL);
     lock_unlock(&table);
     lock_unlock(&table); /* now it is free */
     timestat_stoptime(&held);
-    thrd_join(waiter, NULL);
+    pthread_join(waiter, NULL);
     printf("held for %u us\n", timestat_elapstime(&held));
     fflush(stdout); /* what follows does not go through stdio */
     lock_print_allstats();
