@@ -39,6 +39,10 @@ if(MEMM_SANITIZE MATCHES undefined)
     target_compile_options(memm_library_flags INTERFACE -fno-sanitize=vptr)  # needs RTTI
 endif()
 
+if(MEMM_SANITIZE MATCHES thread AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+    target_compile_options(memm_library_flags INTERFACE -Wno-tsan)  # fences order atomic words only, no plain data
+endif()
+
 # Hardening, each where compiler and target know it. A sanitizer brings checks of its own and does not go with
 # _FORTIFY_SOURCE, which in turn needs an optimised build.
 foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection -mbranch-protection=standard)
