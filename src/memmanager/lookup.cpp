@@ -6,11 +6,7 @@ namespace memm {
 
 namespace {
 
-// Any pointer comes in here, so the address is worked out as a number.
-unsigned char *slot_before(const void *object) noexcept
-{
-    return reinterpret_cast<unsigned char *>(reinterpret_cast<std::uintptr_t>(object) - kHeaderBytes);
-}
+const unsigned char *slot_before(const void *object) noexcept { return slot_of(const_cast<void *>(object)); }
 
 }  // namespace
 
@@ -71,12 +67,11 @@ void *first_object(Held, PoolId id) noexcept
     return pool == nullptr ? nullptr : object_of(first_in_use(*pool));
 }
 
-// Null, too, for a pointer that is not the start of an object.
-void *object_after(Held, const void *object) noexcept
+// Null, too, for a pointer that is not the start of an object in use.
+void *object_after(Held, void *object) noexcept
 {
-    const Pool *const pool = pool_named_by(object);
-    return pool == nullptr || owner_of(object) == nullptr ? nullptr
-                                                          : object_of(in_use_after(*pool, slot_before(object)));
+    const PoolAid *const owner = owner_of(object);
+    return owner == nullptr ? nullptr : object_of(in_use_after(*owner->pool, slot_of(object)));
 }
 
 // The objects reached, with the one at which `visit` stopped. Deliberate: without a callback the first one counts.
