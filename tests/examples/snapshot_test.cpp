@@ -1,5 +1,4 @@
-// The examples are run as a reader would run them. Where the target's programs cannot be started directly, as with an
-// emulator, these tests are skipped.
+// The examples are run as a reader would run them.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -7,7 +6,6 @@
 #include <fstream>
 #include <iterator>
 #include <regex.h>
-#include <spawn.h>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,20 +28,19 @@ class Example {
     pid_t pid_ = -1;
 
 public:
-    explicit Example(const std::string &name, const char *argument = nullptr)
+    explicit Example(const std::string &name)
     {
-        const std::string path = std::string(MEMM_EXAMPLES_DIR "/") + name;
+        const std::string command = std::string("exec ").append(MEMM_EMULATOR " " MEMM_EXAMPLES_DIR "/").append(name);
         int ends[2] = {-1, -1};
         EXPECT_EQ(pipe(ends), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, ends[0]);
-        char *const arguments[] = {const_cast<char *>(path.c_str()), const_cast<char *>(argument), nullptr};
-        if (posix_spawn(&pid_, path.c_str(), &actions, nullptr, arguments, environ) != 0) {
-            pid_ = -1;
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(ends[1], STDOUT_FILENO);
+            close(ends[0]);
+            close(ends[1]);
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            _exit(127);
         }
-        posix_spawn_file_actions_destroy(&actions);
         close(ends[1]);
         output_ = fdopen(ends[0], "r");
     }
@@ -51,7 +48,6 @@ public:
     Example(const Example &) = delete;
     Example &operator=(const Example &) = delete;
 
-    bool runs() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
 
     // Up to the end, or to the line that holds this text.
@@ -78,7 +74,7 @@ public:
 
 std::string take_file(const std::string &prefix, pid_t pid)
 {
-    const std::string name = prefix + std::to_string(pid);
+    const std::string name = std::string(prefix).append(std::to_string(pid));
     std::ifstream file(name);
     std::string text{std::istreambuf_iterator<char>(file), {}};
     unlink(name.c_str());
@@ -88,14 +84,11 @@ std::string take_file(const std::string &prefix, pid_t pid)
 TEST(snapshot, shows_the_machine_and_gives_everything_back)
 {
     Example snapshot("snapshot");
-    if (!snapshot.runs()) {
-        GTEST_SKIP();
-    }
     const std::string output = snapshot.read_until(nullptr);
     EXPECT_EQ(snapshot.exit_status(), 0);
     for (const char *shown : {
-             "\nthis one: [0-9]+\\.processes\\.[0-9]+\\.0x[0-9a-f]+\\.\\[2 refs\\] - [0-9]+ snapshot, [0-9]+ kB\n",
-             "\nin one index:  *[0-9]+\\.processes\\.[0-9]+\\.0x[0-9a-f]+ - [0-9]+ snapshot, [0-9]+ kB\n",
+             "\nthis one: [0-9]+\\.processes\\.[0-9]+\\.0x[0-9a-f]+\\.\\[2 refs\\] - [0-9]+ [^,]+, [0-9]+ kB\n",
+             "\nin one index:  *[0-9]+\\.processes\\.[0-9]+\\.0x[0-9a-f]+ - [0-9]+ [^,]+, [0-9]+ kB\n",
              "\nin none: it is free\n",
              "\n[0-9]+ strings replaced, .*: texts are unchanged, buffers are sound\n",
              " - lo: 127\\.0\\.0\\.1\r\n",
@@ -119,10 +112,7 @@ TEST(snapshot, shows_the_machine_and_gives_everything_back)
 
 TEST(snapshot, answers_signals_while_it_serves)
 {
-    Example snapshot("snapshot", "--serve");
-    if (!snapshot.runs()) {
-        GTEST_SKIP();
-    }
+    Example snapshot("snapshot --serve");
     snapshot.read_until("memm_dump_pools");
     kill(snapshot.pid(), SIGUSR1);
     kill(snapshot.pid(), SIGUSR2);
@@ -138,9 +128,6 @@ TEST(small_examples, run)
 {
     for (const char *name : {"pools", "locks", "strings"}) {
         Example example(name);
-        if (!example.runs()) {
-            GTEST_SKIP();
-        }
         example.read_until(nullptr);
         EXPECT_EQ(example.exit_status(), 0) << name;
         take_file("/tmp/memm_dump_", example.pid());
