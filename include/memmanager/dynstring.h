@@ -246,6 +246,13 @@ void _dynstr_ex_hexstringfromdata(unsigned poolid, dynstr **slot, const unsigned
                                   const char *file, int line);
 /** @} */
 
+dynstr *dynstr_fromstrlist(unsigned strpool, llist *list, const char *separator);
+dynstr *dynstr_frompartialstrlist(unsigned strpool, llist *list, const char *separator, int first, int last);
+dynstr *dynstr_fromstrlist_escaped(unsigned strpool, llist *list, const char *separator, char escape);
+void _dynstr_ex_fromstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, const char *file, int line);
+void _dynstr_ex_fromstrlist_escaped(unsigned strpool, dynstr **slot, llist *list, const char *separator, char escape, const char *file, int line);
+void _dynstr_ex_frompartialstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, int first, int last, const char *file, int line);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

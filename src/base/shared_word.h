@@ -7,7 +7,12 @@
 // no locked operation.
 namespace memm {
 
-template <typename T> T load(const T &word) noexcept { return __atomic_load_n(&word, __ATOMIC_RELAXED); }
+template <typename T> T load(const T &word) noexcept
+{
+    T value;
+    __atomic_load(const_cast<T *>(&word), &value, __ATOMIC_RELAXED);
+    return value;
+}
 
 template <typename T> void store(T &word, std::type_identity_t<T> value) noexcept
 {

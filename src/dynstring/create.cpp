@@ -10,17 +10,17 @@ dynstr *create(Held held, TextPool &pool, const Source &source, int offset, int 
                        [&](dynstr &record) { return assign(held, pool, record, source, offset, length); });
 }
 
-namespace {
-
-dynstr *create_from_text(Held held, unsigned poolid, const char *text) noexcept
+dynstr *create_from_text(Held held, PoolId id, const char *text) noexcept
 {
-    TextPool *const pool = text_pool(PoolId{poolid});
+    TextPool *const pool = text_pool(id);
     if (pool == nullptr) {
         trace_bad_pool("dynstr_fromstring_nolock");
         return nullptr;
     }
     return create(held, *pool, text_given(text), 0, -1);
 }
+
+namespace {
 
 // In the pool of its source. Making room for the record may move the source's text, so that is looked at afterwards.
 dynstr *copy(Held held, const dynstr *source, int offset, int length) noexcept
@@ -39,6 +39,8 @@ dynstr *copy_whole(Held held, const dynstr *source) noexcept
     return copy(held, source, 0, -1);
 }
 
+}  // namespace
+
 // Deliberate: a bad source is reported as a bad pool.
 dynstr *copy_part(Held held, const dynstr *source, int offset, int length) noexcept
 {
@@ -48,6 +50,8 @@ dynstr *copy_part(Held held, const dynstr *source, int offset, int length) noexc
     }
     return copy(held, source, offset, length);
 }
+
+namespace {
 
 // The text stays the caller's; the record only points to it.
 dynstr *refer_to(Held held, PoolId pool, const char *text) noexcept
@@ -77,13 +81,13 @@ extern "C" {
 dynstr *dynstr_fromstring(unsigned poolid, const char *text)
 {
     const ManagerLock lock("dynstr_fromstring");
-    return create_from_text(lock.held(), poolid, text);
+    return create_from_text(lock.held(), PoolId{poolid}, text);
 }
 
 dynstr *dynstr_fromstring_nolock(unsigned poolid, const char *text)
 {
     const BusyTask busy;
-    return create_from_text(Held::by_caller(), poolid, text);
+    return create_from_text(Held::by_caller(), PoolId{poolid}, text);
 }
 
 dynstr *dynstr_fromsubstring(unsigned poolid, const char *text, int offset, int length)

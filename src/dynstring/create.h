@@ -20,4 +20,8 @@ template <typename Fill> dynstr *create_with(Held held, void *record, Fill fill)
 // A new string made of a text, or null. The record may come from the pool's reserve.
 dynstr *create(Held, TextPool &pool, const Source &source, int offset, int length) noexcept;
 
+// As dynstr_fromstring_nolock() and dynstr_fromsubdynstr_nolock(), messages included.
+dynstr *create_from_text(Held, PoolId pool, const char *text) noexcept;
+dynstr *copy_part(Held, const dynstr *source, int offset, int length) noexcept;
+
 }  // namespace memm::strings

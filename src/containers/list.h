@@ -1,0 +1,57 @@
+#pragma once
+
+#include "base/result.h"
+#include "memmanager/pool.h"
+
+#include <memmanager/llist.h>
+
+// A list is its first node; null is the empty list. A node is an object of a node pool and owns one reference to what
+// it holds:
+//
+//     plist -> | obj | next -> | obj | next -> | obj | null
+//
+// What may change a list works on links: the address of the pointer that leads to a node, be it the caller's variable
+// or the `next` of the node before. A link to null is the end.
+//
+// Deliberate: a node that holds nothing ends the list for counting, and with it for indices from the end; walks pass
+// it.
+namespace memm::lists {
+
+using Node = llist;
+
+// An object in use that is large enough for a node. Only the first node of a list is ever looked at; the others are
+// what this module has linked.
+bool is_node(const Node *node) noexcept;
+
+int length(const Node *list) noexcept;
+
+// An index from the end becomes one from the front; below 0 where there is no such node.
+int from_front(const Node *list, int index) noexcept;
+
+Node *node_at(Node *list, int index) noexcept;  // null when there is none, or the list's first node is no node
+
+Node **end_of(Node **link) noexcept;
+
+// Takes the node out of its chain: it is then a list of its own.
+Node *unhook(Node **link) noexcept;
+
+// A node of the pool that holds the object; null when it has none, or its objects are too small for nodes.
+Node *make_node(Held, int poolid, void *object) noexcept;
+
+// At the end of the list; the list takes over the caller's reference.
+Result append(Held, Node **plist, void *object, int poolid) noexcept;
+
+// The list grows at its end without being walked each time.
+class Tail {
+    Node **end_;
+
+public:
+    explicit Tail(Node **plist) noexcept : end_(end_of(plist)) {}
+    void append(Node *node) noexcept
+    {
+        *end_ = node;
+        end_ = &node->next;
+    }
+};
+
+}  // namespace memm::lists
