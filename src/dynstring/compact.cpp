@@ -77,7 +77,7 @@ class Compaction {
 
     void close_run_before(const dynstr &record) noexcept
     {
-        if (run_ != nullptr && record.str - run_ != run_length_) {
+        if (run_ != nullptr && static_cast<u32>(record.str - run_) != run_length_) {
             trace_finding("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.\r\n");
             run_length_ = static_cast<u32>(record.str - run_);
         }
