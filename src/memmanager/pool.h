@@ -75,11 +75,11 @@ struct PoolAid {
 
 class Registry {
     // Stands in for the table until there is one: a descriptor of nothing, so that no id is valid.
-    static constinit unsigned char no_table_[kDescriptorBytes];
+    static constinit unsigned char no_table_[kBlockLead + kDescriptorBytes];
     static constinit Pool no_pool_;
     static constinit PoolAid no_aid_;
 
-    unsigned char *table_ = no_table_;
+    unsigned char *table_ = no_table_ + kBlockLead;
     PoolAid *aids_ = nullptr;
     u32 *by_address_ = nullptr;  // ids of the pools that have slots, in the order of their slot arrays
     u32 placed_ = 0;
@@ -90,7 +90,7 @@ class Registry {
 public:
     static constexpr u32 kMaxPools = 0x7fffff;
 
-    bool has_table() const noexcept { return load(table_) != no_table_; }
+    bool has_table() const noexcept { return load(table_) != no_table_ + kBlockLead; }
 
     // Takes over the table and what stands beside it: `aids` and `by_address` have room for all its pools.
     void adopt(unsigned char *table, PoolAid *aids, u32 *by_address) noexcept;

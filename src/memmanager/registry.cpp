@@ -11,7 +11,7 @@
 
 namespace memm {
 
-constinit unsigned char Registry::no_table_[kDescriptorBytes]{};
+alignas(memm_word) constinit unsigned char Registry::no_table_[kBlockLead + kDescriptorBytes]{};
 constinit Pool Registry::no_pool_{};
 constinit PoolAid Registry::no_aid_{&no_pool_};
 constinit Registry registry;

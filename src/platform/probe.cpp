@@ -30,7 +30,8 @@ constexpr std::uintptr_t kMaskBytes = 8;
 
 bool mask_is_readable(std::uintptr_t address) noexcept
 {
-    return syscall(SYS_rt_sigprocmask, kNoSuchHow, address, nullptr, kMaskBytes) == 0 || errno != EFAULT;
+    return address != 0 &&
+           (syscall(SYS_rt_sigprocmask, kNoSuchHow, address, nullptr, kMaskBytes) == 0 || errno != EFAULT);
 }
 
 bool word_is_readable(std::uintptr_t address) noexcept
