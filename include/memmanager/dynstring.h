@@ -223,6 +223,20 @@ dynstr *dynstr_fromvprintf(unsigned poolid, const char *format, va_list argument
 dynstr *dynstr_hexstringfromdata(unsigned poolid, const unsigned char *bytes, int count);
 /** @} */
 
+/** @name Joining
+ *  As in Constructors; all items of the list must be strings, also those that are left out. `separator` goes between
+ *  items, null is none. No item makes a string without text.
+ *  @{ */
+
+/** The items of the list (see strlist.h), from the first to the last. */
+dynstr *dynstr_fromstrlist(unsigned strpool, llist *list, const char *separator);
+/** The items from index `first` on and before `last`, neither of which counts from the end. */
+dynstr *dynstr_frompartialstrlist(unsigned strpool, llist *list, const char *separator, int first, int last);
+/** As dynstr_fromstrlist(); inside items the escape character is put before each of its own kind and before each
+ *  separator. A separator of several characters, and an escape character of 0, escape nothing. */
+dynstr *dynstr_fromstrlist_escaped(unsigned strpool, llist *list, const char *separator, char escape);
+/** @} */
+
 /** @name Creation with caller information
  *  Each stores the result of the call in its name in *slot and tells memm_addToAllocateList() slot, file and line. A
  * null slot does nothing at all. @{ */
@@ -234,6 +248,12 @@ void _dynstr_ex_fromstring(unsigned poolid, dynstr **slot, const char *text, con
 void _dynstr_ex_fromliteral(unsigned poolid, dynstr **slot, const char *text, const char *file, int line);
 void _dynstr_ex_fromulong(unsigned poolid, dynstr **slot, unsigned value, const char *file, int line);
 void _dynstr_ex_fromlong(unsigned poolid, dynstr **slot, int value, const char *file, int line);
+void _dynstr_ex_fromstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, const char *file,
+                            int line);
+void _dynstr_ex_fromstrlist_escaped(unsigned strpool, dynstr **slot, llist *list, const char *separator, char escape,
+                                    const char *file, int line);
+void _dynstr_ex_frompartialstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, int first,
+                                   int last, const char *file, int line);
 void _dynstr_ex_fromipaddr(unsigned poolid, dynstr **slot, unsigned address, const char *file, int line);
 void _dynstr_ex_frommacaddr(unsigned poolid, dynstr **slot, const unsigned char *mac, const char *file, int line);
 void _dynstr_ex_fromprintf(unsigned poolid, dynstr **slot, const char *format, const char *file, int line, ...)
@@ -245,13 +265,6 @@ void _dynstr_ex_fromsubstring(unsigned poolid, dynstr **slot, const char *text, 
 void _dynstr_ex_hexstringfromdata(unsigned poolid, dynstr **slot, const unsigned char *bytes, int count,
                                   const char *file, int line);
 /** @} */
-
-dynstr *dynstr_fromstrlist(unsigned strpool, llist *list, const char *separator);
-dynstr *dynstr_frompartialstrlist(unsigned strpool, llist *list, const char *separator, int first, int last);
-dynstr *dynstr_fromstrlist_escaped(unsigned strpool, llist *list, const char *separator, char escape);
-void _dynstr_ex_fromstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, const char *file, int line);
-void _dynstr_ex_fromstrlist_escaped(unsigned strpool, dynstr **slot, llist *list, const char *separator, char escape, const char *file, int line);
-void _dynstr_ex_frompartialstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, int first, int last, const char *file, int line);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -99,10 +99,7 @@ Result fill(Held held, strings::TextPool &pool, dynstr &string, const Join &join
     u64 size = 1;
     const int joined = for_each_piece(
         join, [&] { size += join.separator.size(); }, [&](std::string_view text) { size += size_escaped(join, text); });
-    strings::Rewrite rewrite(held, pool, string);
-    if (!rewrite.set_aside()) {
-        return Result::no_memory;
-    }
+    strings::Rewrite rewrite(held, pool, string);  // of a new string: there is no old text to set aside
     char *room = joined == 0 ? nullptr : rewrite.make_room(size, size);
     if (room != nullptr) {
         for_each_piece(

@@ -5,10 +5,20 @@
 
 namespace memm::lists {
 
+namespace {
+
+// Any pool of large enough objects will do, but descriptors and the records of other modules are no nodes.
+bool can_hold_nodes(const PoolAid &aid) noexcept
+{
+    return aid.is_ordinary && aid.pool->slot_size >= slot_bytes(sizeof(Node)) && load(aid.control) == nullptr;
+}
+
+}  // namespace
+
 bool is_node(const Node *node) noexcept
 {
     const PoolAid *const aid = owner_of(node);
-    return aid != nullptr && aid->pool->slot_size >= slot_bytes(sizeof(Node));
+    return aid != nullptr && can_hold_nodes(*aid);
 }
 
 int length(const Node *list) noexcept
@@ -52,11 +62,23 @@ Node *unhook(Node **link) noexcept
     return node;
 }
 
+Node **link_to(Node **plist, const void *object) noexcept
+{
+    if (!is_list(plist)) {
+        return nullptr;
+    }
+    Node **link = plist;
+    while (*link != nullptr && (*link)->obj != object) {
+        link = &(*link)->next;
+    }
+    return *link != nullptr ? link : nullptr;
+}
+
 Node *make_node(Held held, int poolid, void *object) noexcept
 {
     const PoolId id{static_cast<u32>(poolid)};
-    const Pool *const pool = registry.find(id);
-    if (pool == nullptr || (has_slots(*pool) && pool->slot_size < slot_bytes(sizeof(Node)))) {
+    const PoolAid *const aid = registry.find_aid(id);
+    if (aid == nullptr || (has_slots(*aid->pool) && !can_hold_nodes(*aid))) {
         return nullptr;
     }
     auto *const node = static_cast<Node *>(allocate(held, id));
@@ -66,13 +88,6 @@ Node *make_node(Held held, int poolid, void *object) noexcept
     return node;
 }
 
-namespace {
-
-// The list may be empty; else its first node has to be one.
-bool is_list(Node *const *plist) noexcept { return plist != nullptr && (*plist == nullptr || is_node(*plist)); }
-
-}  // namespace
-
 Result append(Held held, Node **plist, void *object, int poolid) noexcept
 {
     Node *const node = make_node(held, poolid, object);
@@ -80,7 +95,6 @@ Result append(Held held, Node **plist, void *object, int poolid) noexcept
         return Result::no_memory;
     }
     if (!is_list(plist)) {
-        node->obj = nullptr;
         static_cast<void>(release(held, node));
         return Result::invalid;
     }
@@ -128,18 +142,6 @@ Node **link_at(Node **plist, int index) noexcept
         link = &(*link)->next;
     }
     return left == 0 && *link != nullptr ? link : nullptr;
-}
-
-Node **link_to(Node **plist, const void *object) noexcept
-{
-    if (!is_list(plist)) {
-        return nullptr;
-    }
-    Node **link = plist;
-    while (*link != nullptr && (*link)->obj != object) {
-        link = &(*link)->next;
-    }
-    return *link != nullptr ? link : nullptr;
 }
 
 struct Found {
@@ -222,7 +224,7 @@ Result append_reference(Held held, Node **plist, void *object, int poolid) noexc
         return Result::no_memory;
     }
     const Result result = append(held, plist, object, poolid);
-    if (result != Result::ok) {
+    if (result == Result::no_memory) {
         static_cast<void>(release(held, object));
     }
     return result;

@@ -19,9 +19,12 @@ namespace memm::lists {
 
 using Node = llist;
 
-// An object in use that is large enough for a node. Only the first node of a list is ever looked at; the others are
-// what this module has linked.
+// An object in use that is large enough for a node and belongs to no other module. Only the first node of a list is
+// ever looked at; the others are what was linked to it.
 bool is_node(const Node *node) noexcept;
+
+// What may change a list goes on from here: an empty list, or one that begins with a node.
+inline bool is_list(Node *const *plist) noexcept { return plist != nullptr && (*plist == nullptr || is_node(*plist)); }
 
 int length(const Node *list) noexcept;
 
@@ -32,13 +35,18 @@ Node *node_at(Node *list, int index) noexcept;  // null when there is none, or t
 
 Node **end_of(Node **link) noexcept;
 
+// The link to the first node that holds the object; null when there is none.
+Node **link_to(Node **plist, const void *object) noexcept;
+
 // Takes the node out of its chain: it is then a list of its own.
 Node *unhook(Node **link) noexcept;
 
-// A node of the pool that holds the object; null when it has none, or its objects are too small for nodes.
+// A node of the pool that holds the object; null when there is none left, or the pool's objects are no nodes.
 Node *make_node(Held, int poolid, void *object) noexcept;
 
-// At the end of the list; the list takes over the caller's reference.
+// At the end of the list, which takes over the caller's reference.
+// Deliberate: without a list, the node that was made is released, and the object with it. So only what finds no node is
+// still the caller's.
 Result append(Held, Node **plist, void *object, int poolid) noexcept;
 
 // The list grows at its end without being walked each time.

@@ -78,7 +78,7 @@ Node *sort(Node *chain, llist_compare_fn compare) noexcept
 
 Result sort_list(Node **plist, llist_compare_fn compare) noexcept
 {
-    if (*plist != nullptr && !is_node(*plist)) {
+    if (!is_list(plist)) {
         return Result::invalid;
     }
     if (length(*plist) >= 2) {
@@ -111,7 +111,7 @@ Node *node_before(Node *placed, Node *first, llist_compare_fn compare) noexcept
 
 void insert_sorted(Held held, Node **plist, void *object, int poolid, llist_compare_fn compare) noexcept
 {
-    if (plist == nullptr || compare == nullptr || (*plist != nullptr && !is_node(*plist))) {
+    if (compare == nullptr || !is_list(plist)) {
         return;
     }
     Node *const node = make_node(held, poolid, object);
@@ -130,7 +130,7 @@ void insert_sorted(Held held, Node **plist, void *object, int poolid, llist_comp
 // the chain is too short.
 Node **insertion_link(Node **plist, int index) noexcept
 {
-    if (plist == nullptr || (*plist != nullptr && !is_node(*plist))) {
+    if (!is_list(plist)) {
         return nullptr;
     }
     int left = from_front(*plist, index);
@@ -157,8 +157,8 @@ Result insert(Held held, Node **plist, void *object, int index, int poolid) noex
     return Result::ok;
 }
 
-// Chains that have a node in common end in the same link.
-bool share_nodes(Node **plist, Node **other_end) noexcept { return *plist != nullptr && end_of(plist) == other_end; }
+// Chains that have a node in common end in the same link. Joined, they would be a ring.
+bool share_nodes(Node **plist, Node **other_end) noexcept { return end_of(plist) == other_end; }
 
 Result insert_chain(Node **plist, Node *chain, int index) noexcept
 {
@@ -180,10 +180,7 @@ Result insert_chain(Node **plist, Node *chain, int index) noexcept
 
 Result append_chain(Node **plist, Node *chain) noexcept
 {
-    if (plist == nullptr || !is_node(chain) || (*plist != nullptr && !is_node(*plist))) {
-        return Result::invalid;
-    }
-    if (share_nodes(plist, end_of(&chain->next))) {
+    if (!is_list(plist) || !is_node(chain) || share_nodes(plist, end_of(&chain->next))) {
         return Result::invalid;
     }
     *end_of(plist) = chain;
@@ -204,7 +201,7 @@ Node *split(Node **plist, int index) noexcept
 
 Result reverse(Node **plist) noexcept
 {
-    if (plist == nullptr || (*plist != nullptr && !is_node(*plist))) {
+    if (!is_list(plist)) {
         return Result::invalid;
     }
     Node *reversed = nullptr;
@@ -249,7 +246,7 @@ Node *copy(Held held, const Node *list, int poolid) noexcept
 // The list may be the one that is appended to: then its nodes of now are copied.
 Result append_copy(Held held, Node **plist, const Node *list, int poolid) noexcept
 {
-    if (plist == nullptr || (*plist != nullptr && !is_node(*plist)) || (list != nullptr && !is_node(list))) {
+    if (!is_list(plist) || (list != nullptr && !is_node(list))) {
         return Result::invalid;
     }
     Tail tail(plist);
@@ -270,18 +267,12 @@ Result append_copy(Held held, Node **plist, const Node *list, int poolid) noexce
 
 Result move_node(Node **from, Node **to, const void *object) noexcept
 {
-    if (from == nullptr || !is_node(*from)) {
-        return Result::invalid;
-    }
-    Node **link = from;
-    while (*link != nullptr && (*link)->obj != object) {
-        link = &(*link)->next;
-    }
-    if (*link == nullptr) {
+    Node **const link = link_to(from, object);
+    if (link == nullptr) {
         return Result::invalid;
     }
     Node *const node = unhook(link);
-    if (to == nullptr || (*to != nullptr && !is_node(*to))) {
+    if (!is_list(to)) {
         return Result::invalid;  // Deliberate: the node is out of its list by now
     }
     *end_of(to) = node;

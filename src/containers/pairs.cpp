@@ -59,7 +59,7 @@ Result append_pair(Held held, Node **plist, const char *first, const char *secon
         return Result::no_memory;
     }
     const Result result = append(held, plist, pair, poolid);
-    if (result != Result::ok) {
+    if (result == Result::no_memory) {
         static_cast<void>(release(held, pair));
     }
     return result;

@@ -11,7 +11,7 @@ Result append_text(Held held, Node **plist, const char *text, int poolid, int st
         return Result::no_memory;
     }
     const Result result = append(held, plist, string, poolid);
-    if (result != Result::ok) {
+    if (result == Result::no_memory) {
         static_cast<void>(release(held, string));
     }
     return result;
@@ -95,7 +95,7 @@ unsigned strlist_addulong(strlist **plist, unsigned value, int poolid, int strpo
         return to_c(Result::no_memory);
     }
     const unsigned result = llist_addobject(plist, string, poolid);
-    if (result != to_c(Result::ok)) {
+    if (result == to_c(Result::no_memory)) {
         memm_free(string);
     }
     return result;
