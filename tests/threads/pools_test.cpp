@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <pthread.h>
-#include <sys/time.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -51,7 +51,7 @@ class Traffic {
                 release(item);
             }
             release(boxes_[seed >> 20 & 15].exchange(item));
-            if (round % 256 == 0) {
+            if (round % 64 == 0) {
                 usleep(1);  // ThreadSanitizer delivers signals inside of library calls
             }
         }
@@ -79,6 +79,14 @@ public:
     {
         stop_ = true;
         end();
+    }
+
+    int signal_all(int signal)
+    {
+        for (std::thread &thread : threads_) {
+            pthread_kill(thread.native_handle(), signal);
+        }
+        return static_cast<int>(threads_.size());
     }
 
     template <typename Value> unsigned sum(Value value) const
@@ -125,9 +133,7 @@ TEST(threads, go_on_while_others_make_pools_clear_statistics_and_switch_traces)
     Traffic traffic(scaled(30000));
     std::thread maker([] {
         for (int count = 1; count <= 30; ++count) {
-            const unsigned pool = make_pool(count % 2 == 0 ? "" : "again", count % 2 == 0 ? count * 20 : 1);
-            memm_free(memm_calloc(pool));
-            pool_at(pool).name = "";
+            memm_free(memm_calloc(make_pool("", count * 20)));
         }
     });
     for (int round = 0; round < scaled(2000); ++round) {
@@ -163,12 +169,6 @@ void take_lock_in_handler(int)
     ++handled;
 }
 
-void ring_every(suseconds_t microseconds)
-{
-    const itimerval interval{{0, microseconds}, {0, microseconds}};
-    setitimer(ITIMER_REAL, &interval, nullptr);
-}
-
 TEST(threads, allocate_while_their_handlers_take_the_manager_lock)
 {
     struct sigaction action {};
@@ -176,19 +176,17 @@ TEST(threads, allocate_while_their_handlers_take_the_manager_lock)
     action.sa_flags = SA_RESTART;
     sigaction(SIGALRM, &action, nullptr);
     Traffic traffic(1 << 30);
-    sigset_t alarm;  // blocked here, so that the kernel picks the others in turn
-    sigemptyset(&alarm);
-    sigaddset(&alarm, SIGALRM);
-    pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
-    ring_every(5);
-    while (handled < scaled(100000)) {
-        usleep(1000);
+    int sent = 0;
+    while (sent < scaled(100000)) {
+        sent += traffic.signal_all(SIGALRM);
+        while (handled < sent) {
+            sched_yield();
+        }
     }
-    ring_every(0);
     traffic.stop();
     traffic.expect_empty();
     memm_lock("main");
-    EXPECT_EQ(under_lock, handled);
+    EXPECT_EQ(under_lock, sent);
     memm_unlock();
 }
 
