@@ -5,6 +5,7 @@
 
 #include <memmanager/dyndata.h>
 
+#include <algorithm>
 #include <cstddef>
 
 // A data pool is a pool of small objects whose cookie is a record of one area, in which the bytes of all of them lie
@@ -13,7 +14,8 @@
 //     buffer  |run of C|run of A|run of D|000000000000|   curr: the bytes in use, max: the most there ever were
 //
 // A run that goes leaves no gap: later bytes move down at once, and the pointers of their objects with them. The
-// manager lock guards everything.
+// manager lock guards everything; sizes and comparisons are also read without it, and may then be those of different
+// moments, but never of bytes outside of the area.
 namespace memm::data {
 
 // The packed size of a buffer:
@@ -63,19 +65,54 @@ struct Area {
     u32 max;
     u32 poolid;
 
-    unsigned char *tail() const noexcept { return buffer + curr; }
+    unsigned char *tail() const noexcept { return buffer + load(curr); }
     u32 room() const noexcept { return bufsize - curr; }
 };
 
 static_assert(sizeof(void *) != 4 || (sizeof(Area) == 24 && sizeof(dyndata) == 8));
 
-// Sizes are also read without the lock.
 inline SizeInfo info_of(const dyndata &object) noexcept { return SizeInfo{load(object.sizeinfo)}; }
 
 inline void set_info(dyndata &object, SizeInfo info) noexcept { store(object.sizeinfo, info.word()); }
 
+// The bytes of an object; null and 0 when it has none.
+struct Run {
+    unsigned char *from;
+    u32 size;
+};
+
+// What a stray write left in an object's words leads at most to other bytes in use.
+inline Run run_of(const Area &area, const dyndata &object) noexcept
+{
+    unsigned char *const from = load(object.data);
+    const unsigned char *const tail = area.tail();
+    if (from == nullptr || from < area.buffer || from >= tail) {
+        return {nullptr, 0};
+    }
+    return {from, std::min(info_of(object).size(), static_cast<u32>(tail - from))};
+}
+
+// "dyndata_pool", the pool of the areas' records; invalid until it is there.
+extern constinit PoolId record_pool;
+
+// The record that is the pool's cookie; null when it is anything else.
+Area *area_of(const PoolAid &aid) noexcept;
+
 // The record of the pool whose object this is; null for every other pointer.
-Area *owner_area(const void *object) noexcept;
+[[gnu::always_inline]] inline Area *owner_area(const void *object) noexcept
+{
+    const PoolAid *const aid = owner_of(object);
+    if (aid == nullptr) {
+        return nullptr;
+    }
+    // A cookie of ours may be read, but it may have been taken away or released since.
+    void *const record = load(aid->control);
+    if (record != nullptr && record == load(aid->pool->options.cookie) &&
+        ObjectHeader::of_slot(slot_of(record)).pool() == load(record_pool)) [[likely]] {
+        return static_cast<Area *>(record);
+    }
+    return area_of(*aid);
+}
 
 // "obj isn't a dyndata element", at level 1.
 void trace_foreign(const char *function) noexcept;

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 namespace memm::data {
 
@@ -15,31 +14,41 @@ struct Bytes {
     u32 length;
 };
 
-// The bytes [run, run + size) go; what follows moves down, and so do the pointers to it.
-void close_gap(Area &area, const unsigned char *run, u32 size) noexcept
+PoolId pool_of(dyndata &object) noexcept { return ObjectHeader::of_slot(slot_of(&object)).pool(); }
+
+// Which runs lie behind the one that goes is as good as random: no branch depends on it, and free slots are written as
+// they were.
+void lower_later_runs(const Area &area, Run gone) noexcept
 {
-    unsigned char *const gap = area.buffer + (run - area.buffer);
-    unsigned char *const rest = gap + size;
-    const auto rest_size = static_cast<std::size_t>(area.tail() - rest);
-    if (rest_size > 0 && size > 0) {
-        const Pool &pool = registry.at(area.poolid);
-        for (unsigned char *slot = first_in_use(pool); slot != nullptr; slot = in_use_after(pool, slot)) {
-            dyndata &object = *static_cast<dyndata *>(object_in(slot));
-            if (object.data > gap) {
-                object.data -= size;
-            }
-        }
-        std::memmove(gap, rest, rest_size);
+    const Pool *const pool = registry.find(PoolId{area.poolid});
+    if (pool == nullptr) {
+        return;  // it could not be made
     }
-    area.curr -= size;
-    std::memset(area.tail(), 0, size);
+    const u32 slot_size = pool->slot_size;
+    unsigned char *const last = pool->last_used;
+    for (unsigned char *slot = pool->slots; slot <= last; slot += slot_size) {
+        unsigned char *&data = static_cast<dyndata *>(object_in(slot))->data;
+        const bool is_later = static_cast<int>(data > gone.from) & static_cast<int>(!is_free(slot));
+        store(data, data - (is_later ? gone.size : 0));
+    }
 }
 
-void grow(Area &area, u32 bytes) noexcept
+// What follows the run moves down.
+void remove(Area &area, Run run) noexcept
 {
-    area.curr += bytes;
-    raise_to(area.max, area.curr);
+    if (run.size == 0) {
+        return;
+    }
+    unsigned char *const rest = run.from + run.size;
+    if (const auto rest_size = static_cast<std::size_t>(area.tail() - rest); rest_size > 0) {
+        lower_later_runs(area, run);
+        std::memmove(run.from, rest, rest_size);
+    }
+    add(area.curr, -run.size);
+    std::memset(area.tail(), 0, run.size);
 }
+
+inline void grow(Area &area, u32 bytes) noexcept { raise_to(area.max, add(area.curr, bytes)); }
 
 // Into an object that holds no bytes. What the area, or the object's limit, has no room for is cut.
 Result write(Area &area, dyndata &object, Bytes bytes) noexcept
@@ -52,12 +61,9 @@ Result write(Area &area, dyndata &object, Bytes bytes) noexcept
     const u32 room = std::min(limit != 0 && limit < area.room() ? limit : area.room(), SizeInfo::kMaxSize);
     const u32 size = std::min(bytes.length, room);
     // Deliberate: where there is no room at all, the limit goes too.
-    const SizeInfo after = room == 0 ? SizeInfo{0} : before.with_size(0).with_size(size);
-    object.data = size == 0 ? nullptr : area.tail();
-    if (size != 0) {
-        std::memmove(object.data, bytes.from, size);
-    }
-    set_info(object, after);
+    set_info(object, room == 0 ? SizeInfo{0} : before.with_size(size));
+    store(object.data, size == 0 ? nullptr : area.tail());
+    std::memmove(area.tail(), bytes.from, size);
     grow(area, size);
     return room < bytes.length ? Result::no_memory : Result::ok;
 }
@@ -66,55 +72,49 @@ Result write(Area &area, dyndata &object, Bytes bytes) noexcept
 // the old ones meanwhile; it is only booked.
 Result replace(Held held, Area &area, dyndata &object, Bytes bytes) noexcept
 {
-    if (!allocate_in_passing(held, PoolId{area.poolid})) {
+    if (!allocate_in_passing(held, pool_of(object))) {
         return Result::no_memory;
     }
-    const unsigned char *const old = std::exchange(object.data, nullptr);
-    const u32 old_size = info_of(object).size();
+    const Run old = run_of(area, object);
+    store(object.data, nullptr);
     const Result result = write(area, object, bytes);
-    if (old != nullptr) {
-        close_gap(area, old, old_size);
-    }
+    remove(area, old);
     return result;
 }
 
-bool is_last_run(const Area &area, const dyndata &object) noexcept
-{
-    return object.data + info_of(object).size() == area.tail();
-}
-
 // Deliberate: appending does not honour the limit.
-Result extend(Area &area, dyndata &object, Bytes bytes) noexcept
+Result extend(Area &area, dyndata &object, Run run, Bytes bytes) noexcept
 {
-    const u32 size = info_of(object).size();
-    if (area.room() == 0 || area.room() < bytes.length || bytes.length > SizeInfo::kMaxSize - size) {
+    if (area.room() == 0 || area.room() < bytes.length || bytes.length > SizeInfo::kMaxSize - run.size) {
         return Result::no_memory;
     }
     std::memmove(area.tail(), bytes.from, bytes.length);
-    set_info(object, info_of(object).with_size(size + bytes.length));
+    set_info(object, info_of(object).with_size(run.size + bytes.length));
     grow(area, bytes.length);
     return Result::ok;
 }
 
 // The run moves to the tail and grows there; nothing changes unless all of it finds room. The work object that would
 // hold it meanwhile takes a slot, and the copying into it books another.
-Result move_and_extend(Held held, Area &area, dyndata &object, Bytes bytes) noexcept
+[[gnu::noinline]] Result move_and_extend(Held held, Area &area, dyndata &object, Run run, Bytes bytes) noexcept
 {
-    const PoolId pool{area.poolid};
+    const PoolId pool = pool_of(object);
     void *const work = allocate(held, pool);
     if (work == nullptr) {
         return Result::no_memory;
     }
-    const u32 size = info_of(object).size();
-    const u64 grown = u64{size} + bytes.length;
-    const bool fits = allocate_in_passing(held, pool) && grown <= area.room() && grown <= SizeInfo::kMaxSize;
+    const u64 size = u64{run.size} + bytes.length;
+    // As in extend(), there must be room left behind the moved run, even for no bytes.
+    const bool fits =
+        allocate_in_passing(held, pool) && run.size < area.room() && size <= std::min(area.room(), SizeInfo::kMaxSize);
     if (fits) {
         unsigned char *const moved = area.tail();
-        std::memcpy(moved, object.data, size);
-        std::memmove(moved + size, bytes.from, bytes.length);
-        grow(area, static_cast<u32>(grown));
-        close_gap(area, std::exchange(object.data, moved), size);
-        set_info(object, SizeInfo{0}.with_size(static_cast<u32>(grown)));
+        std::memcpy(moved, run.from, run.size);
+        std::memmove(moved + run.size, bytes.from, bytes.length);
+        grow(area, static_cast<u32>(size));
+        store(object.data, moved);
+        set_info(object, SizeInfo{0}.with_size(static_cast<u32>(size)));
+        remove(area, run);
     }
     static_cast<void>(release(held, work));
     return fits ? Result::ok : Result::no_memory;
@@ -122,10 +122,14 @@ Result move_and_extend(Held held, Area &area, dyndata &object, Bytes bytes) noex
 
 Result append(Held held, Area &area, dyndata &object, Bytes bytes) noexcept
 {
-    if (object.data == nullptr) {
+    const Run run = run_of(area, object);
+    if (run.from == nullptr) {
         return write(area, object, bytes);
     }
-    return is_last_run(area, object) ? extend(area, object, bytes) : move_and_extend(held, area, object, bytes);
+    if (run.from + run.size == area.tail()) [[likely]] {
+        return extend(area, object, run, bytes);
+    }
+    return move_and_extend(held, area, object, run, bytes);
 }
 
 dyndata *create(Held held, PoolId pool, Bytes bytes) noexcept
@@ -145,11 +149,16 @@ dyndata *create(Held held, PoolId pool, Bytes bytes) noexcept
     return object;
 }
 
-// An empty object equals nothing.
-bool holds(const dyndata &object, const void *bytes, u32 length) noexcept
+Run run_of(const dyndata *object) noexcept
 {
-    return object.data != nullptr && length != 0 && info_of(object).size() == length &&
-           std::memcmp(object.data, bytes, length) == 0;
+    const Area *const area = owner_area(object);
+    return area == nullptr ? Run{nullptr, 0} : run_of(*area, *object);
+}
+
+// No bytes equal nothing.
+bool are_equal(Run run, const void *bytes, u32 length) noexcept
+{
+    return run.size != 0 && run.size == length && std::memcmp(run.from, bytes, length) == 0;
 }
 
 }  // namespace
@@ -162,9 +171,9 @@ int release_buffer(void *object)
         return MEMM_E_INVALID;
     }
     dyndata &buffer = *static_cast<dyndata *>(object);
-    if (const unsigned char *const run = std::exchange(buffer.data, nullptr); run != nullptr) {
-        close_gap(*area, run, info_of(buffer).size());
-    }
+    const Run run = run_of(*area, buffer);
+    store(buffer.data, nullptr);
+    remove(*area, run);
     return MEMM_OK;
 }
 
@@ -198,23 +207,24 @@ const unsigned char *dyndata_getdata(const dyndata *d)
 
 int dyndata_isdyndata_equal(const dyndata *a, const dyndata *b)
 {
-    const bool comparable = owner_area(a) != nullptr && owner_area(b) != nullptr && b->data != nullptr;
-    return comparable && holds(*a, b->data, info_of(*b).size()) ? 1 : 0;
+    const Run other = run_of(b);
+    return are_equal(run_of(a), other.from, other.size) ? 1 : 0;
 }
 
 int dyndata_isdyndata_equal2(const dyndata *d, const void *bytes, unsigned length)
 {
-    return owner_area(d) != nullptr && bytes != nullptr && holds(*d, bytes, length) ? 1 : 0;
+    return bytes != nullptr && are_equal(run_of(d), bytes, length) ? 1 : 0;
 }
 
 dyndata *dyndata_calloc(unsigned poolid) { return dyndata_calloc_maxsize(poolid, 0); }
 
 // Any pool may be asked; where its objects are too small for a buffer, there is nothing to write the limit into.
+// Descriptors are the manager's.
 dyndata *dyndata_calloc_maxsize(unsigned poolid, unsigned maxsize)
 {
     auto *const object = static_cast<dyndata *>(memm_calloc(poolid));
-    const Pool *const pool = object == nullptr ? nullptr : registry.find(PoolId{poolid});
-    if (pool != nullptr && pool->slot_size >= slot_bytes(sizeof(dyndata))) {
+    const PoolAid *const aid = object == nullptr ? nullptr : registry.find_aid(PoolId{poolid});
+    if (aid != nullptr && aid->is_ordinary && aid->pool->slot_size >= slot_bytes(sizeof(dyndata))) {
         set_info(*object, info_of(*object).with_max_size(maxsize));
     }
     return object;

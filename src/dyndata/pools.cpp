@@ -9,10 +9,9 @@
 
 namespace memm::data {
 
-namespace {
-
-// "dyndata_pool", the pool of the areas' records; invalid until it is there.
 constinit PoolId record_pool = PoolId::invalid;
+
+namespace {
 
 constexpr std::size_t kShownBytes = 47;
 
@@ -20,18 +19,6 @@ bool is_record(const void *cookie) noexcept
 {
     const PoolAid *const owner = owner_of(cookie);
     return owner != nullptr && owner->id == load(record_pool);
-}
-
-// A cookie is read through only when it is the address of a record.
-Area *area_of(const PoolAid &aid) noexcept
-{
-    void *const cookie = load(aid.pool->options.cookie);
-    if (cookie == nullptr) {
-        return nullptr;
-    }
-    const bool known =
-        cookie == load(aid.control) && ObjectHeader::of_slot(slot_of(cookie)).pool() == load(record_pool);
-    return known || is_record(cookie) ? static_cast<Area *>(cookie) : nullptr;
 }
 
 void print_record(void *object)
@@ -69,10 +56,12 @@ void print_usage(void *cookie, int *current, int *highest, int *available, memm_
 
 }  // namespace
 
-Area *owner_area(const void *object) noexcept
+// The application may have made the pool, of objects of any size, and its cookie may be anything.
+Area *area_of(const PoolAid &aid) noexcept
 {
-    const PoolAid *const aid = owner_of(object);
-    return aid != nullptr && aid->pool->slot_size >= slot_bytes(sizeof(dyndata)) ? area_of(*aid) : nullptr;
+    void *const cookie = load(aid.pool->options.cookie);
+    const bool holds_buffers = aid.pool->slot_size >= slot_bytes(sizeof(dyndata));
+    return holds_buffers && is_record(cookie) ? static_cast<Area *>(cookie) : nullptr;
 }
 
 void trace_foreign(const char *function) noexcept
@@ -92,9 +81,9 @@ void print_buffer(void *object)
     }
     const dyndata &buffer = *static_cast<const dyndata *>(object);
     char text[kShownBytes + 4] = {};
-    if (buffer.data != nullptr) {
-        const auto left = static_cast<std::size_t>(area->buffer + area->bufsize - buffer.data);
-        std::memcpy(text, buffer.data, std::min(sizeof text, left));
+    if (const unsigned char *const data = run_of(*area, buffer).from; data != nullptr) {
+        const auto left = static_cast<std::size_t>(area->buffer + area->bufsize - data);
+        std::memcpy(text, data, std::min(sizeof text, left));
     }
     if (text[kShownBytes] != '\0') {
         std::memcpy(text + kShownBytes, "...", 4);
