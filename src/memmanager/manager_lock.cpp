@@ -19,6 +19,23 @@ template <typename Function> bool is_same(Function *one, Function *other) noexce
 
 }  // namespace
 
+// The application's lock may be any: a report in a handler must not call its P while P or V is under way in the same
+// task.
+void ManagerLock::enter_both(const char *tag) noexcept
+{
+    const BusyTask busy;
+    P(tag);
+    default_lock.enter();
+}
+
+void ManagerLock::leave_both() noexcept
+{
+    default_lock.answer_before_leaving();
+    const BusyTask busy;
+    default_lock.leave();
+    V();
+}
+
 // A task that holds the lock now took it through P: its V must find as many holds as P left. Where that is so, or the
 // names cannot be told to be the library's own, the way through P and V stays, which is only longer.
 void ManagerLock::recognise() noexcept

@@ -27,22 +27,28 @@ public:
 
     static void enter(const char *tag) noexcept
     {
-        if (!default_lock.is_alone()) [[unlikely]] {
-            P(tag);
+        if (default_lock.is_alone()) [[likely]] {
+            default_lock.enter();
+        } else {
+            enter_both(tag);
         }
-        default_lock.enter();
     }
 
     static void leave() noexcept
     {
-        default_lock.leave();
-        if (!default_lock.is_alone()) [[unlikely]] {
-            V();
+        if (default_lock.is_alone()) [[likely]] {
+            default_lock.leave();
+        } else {
+            leave_both();
         }
     }
 
     // Start-up: find out whose lock it is. The answer never changes afterwards.
     static void recognise() noexcept;
+
+private:
+    static void enter_both(const char *tag) noexcept;
+    static void leave_both() noexcept;
 };
 
 }  // namespace memm

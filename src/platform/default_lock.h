@@ -44,14 +44,18 @@ public:
     // --- notes: one bit a kind ---
 
     // From a signal handler; then either do_noted() finds the lock free or its holder finds the note.
-    void note(unsigned bit) noexcept
-    {
-        unusual_.fetch_or(bit, std::memory_order_seq_cst);
-        std::atomic_thread_fence(std::memory_order_seq_cst);
-    }
+    void note(unsigned bit) noexcept { unusual_.fetch_or(bit, std::memory_order_seq_cst); }
     bool take_note(unsigned bit) noexcept { return (unusual_.fetch_and(~bit, std::memory_order_seq_cst) & bit) != 0; }
     void drop_notes() noexcept { unusual_.fetch_and(kInsideAnother, std::memory_order_relaxed); }
     bool has_notes() const noexcept { return (unusual_.load(std::memory_order_seq_cst) & ~kInsideAnother) != 0; }
+
+    // What leave() begins with, for a caller whose next steps may not be interrupted by an answer.
+    void answer_before_leaving() noexcept
+    {
+        if (has_notes() && lock_.is_mine()) {
+            settle_notes();
+        }
+    }
 
     // Answers the notes now unless somebody holds the lock, the caller included. Does not wait for this lock.
     void do_noted() noexcept;

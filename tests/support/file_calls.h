@@ -26,10 +26,10 @@ void write_file(const std::string &path, const std::string &content);
 
 // What calls on the dump file that is being written do; 0: nothing special. Errors are values of errno.
 struct FileFaults {
-    int fstat_error, ftruncate_error, close_error, write_error;
-    unsigned long write_most;  // bytes that one write takes
-    unsigned long room;        // bytes written before write_error comes
-    unsigned interrupt_every;  // every n-th write is interrupted
+    int fstat_error = 0, ftruncate_error = 0, close_error = 0, write_error = 0;
+    unsigned long write_most = 0;  // bytes that one write takes
+    unsigned long room = 0;        // bytes written before write_error comes
+    unsigned interrupt_every = 0;  // every n-th write is interrupted
 };
 extern FileFaults file_faults;
 extern std::atomic<unsigned> dumps_opened;  // how often a dump file was opened for writing

@@ -73,6 +73,13 @@ std::string text(const char *format, ...)
 
 // --- captures ---
 
+void Recorder::before_report()
+{
+    if (on_report) {
+        on_report();
+    }
+}
+
 void Recorder::print(std::string Recorder::*channel, const char *format, va_list arguments)
 {
     const std::string more = format_text(format, arguments);
@@ -351,6 +358,7 @@ int dbg_printf(const char *format, ...)
 
 int trc_def_printf(const char *format, ...)
 {
+    recorder().before_report();
     va_list arguments;
     va_start(arguments, format);
     recorder().print(&Recorder::trace_, format, arguments);
@@ -360,6 +368,7 @@ int trc_def_printf(const char *format, ...)
 
 int err_printf(unsigned code, int severity, const char *module, const char *file, int line, const char *message)
 {
+    recorder().before_report();
     recorder().report(code, severity, module, file, line, message);
     return 0;
 }

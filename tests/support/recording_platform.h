@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -56,10 +57,12 @@ public:
     void set_clock(unsigned seconds, unsigned microseconds, unsigned step_us = 0);
     void advance_clock(unsigned microseconds);
 
+    std::function<void()> on_report;                        // called by err_printf and trc_def_printf first
     std::atomic<int> print_result{0};                       // what dbg_printf and trc_def_printf answer
     unsigned manager_lock_depth() const { return depth_; }  // holds by all tasks
 
     // --- for the operations themselves and the listener ---
+    void before_report();
     void print(std::string Recorder::*channel, const char *format, va_list arguments);
     void report(unsigned code, int severity, const char *module, const char *file, int line, const char *message);
     unsigned get_block(Op op, unsigned size, void **block);
