@@ -6,6 +6,7 @@
 
 #include "dynstring/create.h"
 #include "dynstring/place.h"
+#include "dynstring/quick_print.h"
 #include "memmanager/trace.h"
 
 #include <memmanager/platform.h>
@@ -44,9 +45,8 @@ u32 end_text(char *text, u64 printed) noexcept
     return static_cast<u32>(zero - text + 1);
 }
 
-Result finish_printed(Rewrite &rewrite, char *text, u64 printed) noexcept
+Result finish_with(Rewrite &rewrite, u32 size) noexcept
 {
-    const u32 size = end_text(text, printed);
     rewrite.wrote(size, size);
     return rewrite.finish();
 }
@@ -66,9 +66,14 @@ Result print_to(Held held, TextPool &pool, dynstr &record, const char *format, s
     const u64 room = limited ? max : std::min(pool.room(), kMaxTextSize);
     char only_measured = '\0';
     char *const text = room == 0 ? &only_measured : rewrite.make_room(room, room);
+    if (room != 0) {
+        if (const auto quick = quick_print(text, static_cast<std::size_t>(room), format, arguments)) {
+            return finish_with(rewrite, static_cast<u32>(*quick + 1));
+        }
+    }
     u64 length = print_once(text, std::max<u64>(room, 1), format, arguments);
     if (room != 0 && (limited || length < room)) {
-        return finish_printed(rewrite, text, std::min(length, room - 1));
+        return finish_with(rewrite, end_text(text, std::min(length, room - 1)));
     }
     if (room != 0) {
         std::memset(text, 0, static_cast<std::size_t>(room));
@@ -81,7 +86,7 @@ Result print_to(Held held, TextPool &pool, dynstr &record, const char *format, s
         return rewrite.finish();
     }
     print_once(outside, length + 1, format, arguments);
-    return finish_printed(rewrite, outside, length);
+    return finish_with(rewrite, end_text(outside, length));
 }
 
 Result place_text(Held held, TextPool &pool, dynstr &record, std::string_view text) noexcept

@@ -3,7 +3,9 @@
 #include "small_pool.h"
 
 #include <climits>
+#include <cstdio>
 #include <functional>
+#include <random>
 
 namespace {
 
@@ -113,6 +115,41 @@ TEST(written_text, may_be_made_of_the_text_that_it_replaces)
         EXPECT_STREQ(dynstr_getstring(hex), room >= 7 ? "616263" : "");
         EXPECT_TRUE(pool.is_sound());
         memm_free(hex);
+    }
+}
+
+// Flags, widths, lengths and letters in any mixture, also such as mean nothing.
+TEST(formatted_text, is_what_the_c_library_prints)
+{
+    const SmallPool pool(5000, 1);
+    dynstr *const string = pool.make();
+    std::mt19937 random(11);
+    const auto any_of = [&random](const auto &choices) { return choices[random() % std::size(choices)]; };
+    const char *const flags[] = {"", "", "0", "-", "00", "-0", "+", " ", "#"};
+    const char *const widths[] = {"", "", "1", "7", "12", "40", "1000", ".3", "9.5", "."};
+    const char *const lengths[] = {"", "", "l", "ll", "h", "hh", "z", "j"};
+    const char *const words[] = {"", "ab", "a longer word than most", nullptr};
+    const char letters[] = {'d', 'i', 'u', 'x', 'd', 'x', 'X', 'o', 'c', '%'};
+    const long long values[] = {0, 1, -1, 42, -100, 65, INT_MAX, INT_MIN, 4294967295, 4294967296, LLONG_MAX, LLONG_MIN};
+    for (int round = scaled(50000); round > 0; --round) {
+        const char letter = any_of(letters);
+        const std::string length = letter == 'c' || letter == '%' ? "" : any_of(lengths);
+        const std::string format = text("<%%%%> %%%s%ss|%%%s%s%s%c", random() % 2 == 0 ? "-" : "", any_of(widths),
+                                        any_of(flags), any_of(widths), length.c_str(), letter);
+        const char *const word = any_of(words);
+        const unsigned max = random() % 2 == 0 ? 0 : static_cast<unsigned>(random() % 50);
+        const auto check = [&](auto value) {
+            char printed[2100];
+            std::snprintf(printed, sizeof printed, format.c_str(), word, value);
+            ASSERT_EQ(dynstr_setmaxsize(string, max), 0U);
+            ASSERT_EQ(dynstr_sprintf(string, format.c_str(), word, value), 0U) << format;
+            ASSERT_EQ(dynstr_getstring(string), std::string(printed).substr(0, max - 1U)) << format;
+        };
+        const long long value = any_of(values);
+        length == "ll" || length == "j"  ? check(value)
+        : length == "l" || length == "z" ? check(static_cast<long>(value))
+                                         : check(static_cast<int>(value));
+        ASSERT_TRUE(pool.is_sound()) << format;
     }
 }
 
