@@ -62,10 +62,12 @@ int open_dump(const char *name) noexcept
 class HoldBackSizeSignal {
     sigset_t size_signal_{};
     sigset_t before_{};
+    sigset_t pending_{};
 
 public:
     HoldBackSizeSignal() noexcept
     {
+        sigpending(&pending_);
         sigaddset(&size_signal_, SIGXFSZ);
         pthread_sigmask(SIG_BLOCK, &size_signal_, &before_);
     }
@@ -73,11 +75,11 @@ public:
     HoldBackSizeSignal(const HoldBackSizeSignal &) = delete;
     HoldBackSizeSignal &operator=(const HoldBackSizeSignal &) = delete;
 
-    // After a write over the limit: takes the signal that it raised, unless it was blocked before and may be another's.
+    // After a write over the limit: takes the signal that it raised, unless one was there before and is the caller's.
     void forget() noexcept
     {
         constexpr timespec kNoWait{};
-        if (sigismember(&before_, SIGXFSZ) == 0) {
+        if (sigismember(&pending_, SIGXFSZ) == 0) {
             sigtimedwait(&size_signal_, nullptr, &kNoWait);
         }
     }
