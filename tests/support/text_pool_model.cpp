@@ -320,7 +320,8 @@ unsigned TextPoolModel::assign(int d, const Source &source, std::int64_t offset,
     if (const unsigned max = record(stand_by).max; max != 0 && size > max) {
         size = max;
     }
-    const std::string text = source.text.substr(static_cast<std::size_t>(offset), size - 1) + kZero;
+    const std::string rest = source.text.substr(static_cast<std::size_t>(offset));
+    const std::string text = rest.substr(0, static_cast<std::size_t>(size - 1)) + kZero;
     return finish(d, stand_by, place(d, text, size, size > room()));
 }
 
@@ -401,24 +402,25 @@ int TextPoolModel::create_empty(unsigned max)
     return d;
 }
 
+int TextPoolModel::give_back_unless(unsigned code, int d)
+{
+    if (d >= 0 && code != 0) {
+        release(d);
+        return -1;
+    }
+    return d;
+}
+
 int TextPoolModel::create(bool with_gc, const Source &source, std::int64_t offset, std::int64_t length)
 {
     const int d = allocate(with_gc);
-    if (d < 0 || assign(d, source, offset, length) == 0) {
-        return d;
-    }
-    release(d);
-    return -1;
+    return give_back_unless(d < 0 ? 0 : assign(d, source, offset, length), d);
 }
 
 int TextPoolModel::create_printed(const std::string &text)
 {
     const int d = allocate(false);
-    if (d < 0 || print(d, text) == 0) {
-        return d;
-    }
-    release(d);
-    return -1;
+    return give_back_unless(d < 0 ? 0 : print(d, text), d);
 }
 
 int TextPoolModel::create_literal(const char *text)
@@ -436,28 +438,20 @@ int TextPoolModel::create_literal(const char *text)
 
 // --- comparison ---
 
-std::string TextPoolModel::slots_difference() const
+std::string TextPoolModel::records_difference() const
 {
     for (int i = 0; i < slots(); ++i) {
         const Record &r = record(i);
         const dynstr &real = *handle(i);
-        const unsigned header = reinterpret_cast<const unsigned *>(&real)[-1];
-        const std::string name = "record " + std::to_string(i);
-        if (header != (r.in_use ? static_cast<unsigned>(poolid_) | r.refs << 24 : 0xffffffffU)) {
-            return name + ": header " + std::to_string(header);
-        }
-        if (!r.in_use) {
-            continue;
-        }
-        const unsigned info = (r.literal ? 0x80000000U : 0) | (r.deleted ? 0x40000000U : 0) | r.max << 16 | r.size |
-                              (r.place == Place::buffer ? r.buffer << 27 : 0);
-        const unsigned mask = r.place == Place::buffer ? ~0U : ~0x18000000U;
-        const char *str = r.place == Place::nowhere  ? nullptr
-                          : r.place == Place::caller ? r.callers
-                                                     : texts_.buf[r.buffer] + r.at;
-        if ((real.info & mask) != info || real.str != str) {
-            return name + ": '" + getstring(i) + "', info expected " + std::to_string(info) + ", is " +
-                   std::to_string(real.info) + (real.str == str ? "" : ", str differs");
+        const bool in_buffer = r.place == Place::buffer;
+        const unsigned header = r.in_use ? static_cast<unsigned>(poolid_) | r.refs << 24 : 0xffffffffU;
+        const unsigned info = (r.literal ? 1U << 31 : 0) | (r.deleted ? 1U << 30 : 0) |
+                              (in_buffer ? r.buffer << 27 : 0) | r.max << 16 | r.size;
+        const unsigned mask = in_buffer ? ~0U : ~(3U << 27);
+        const char *str = in_buffer ? texts_.buf[r.buffer] + r.at : r.callers;
+        if (reinterpret_cast<const unsigned *>(&real)[-1] != header ||
+            (r.in_use && ((real.info & mask) != info || real.str != str))) {
+            return "record " + std::to_string(i) + " '" + getstring(i) + "'";
         }
     }
     return "";
@@ -490,7 +484,7 @@ std::string TextPoolModel::difference() const
     std::string found = words_differ("descriptor", pool, *memm_get_pool_nolock(id));
     found += words_differ("control block", texts,
                           *static_cast<const memm::strings::TextPool *>(memm_getpoolcookie_bypoolid(id)));
-    return found + slots_difference();
+    return found + records_difference();
 }
 
 // --- the trial ---
@@ -551,196 +545,99 @@ void TextPoolTrial::expect(bool holds, const char *what)
     }
 }
 
-void TextPoolTrial::invalid(const char *message, const char *function)
+void TextPoolTrial::reported(bool really, const char *function, const char *message)
 {
-    model_.trace += std::string("[DYNSTR] ") + function + ": invalid " + message + " passed\r\n";
+    if (really) {
+        model_.trace += std::string("[DYNSTR] ") + function + message + "\r\n";
+    }
 }
 
-void TextPoolTrial::change()
+// Every operation reads the same arguments, whether it needs them or not.
+void TextPoolTrial::call(unsigned operation)
 {
-    const int d = pick();
-    dynstr *const h = model_.handle(d);
-    const bool valid = model_.is_string(d);
-    switch (operation_ % 16) {
+    static const char *const kLiterals[] = {"", "x", "a literal", "a literal longer than some buffers"};
+    const int d = pick(), s = pick(), offset = number(), length = number();
+    const unsigned max = next() < 200 ? next() % 40 : 1900 + next();
+    const Input in = input();
+    const char *const literal = kLiterals[static_cast<std::size_t>(s) % 4], *const printed =
+                                                                                in.pointer == nullptr ? "" : in.pointer;
+    dynstr *const to = model_.handle(d), *const from = model_.handle(s);
+    const bool good = model_.is_string(d), good_source = model_.is_string(s);
+    const auto size = static_cast<int>(in.source.text.size());
+    switch (operation) {
     case 0:
-    case 1: {
-        const Input in = input();
-        same(operation_ < 16 ? dynstr_setstring(h, in.pointer) : dynstr_setstring_nolock(h, in.pointer),
-             model_.assign(d, in.source, 0, -1));
-        break;
-    }
-    case 2: {
-        const int s = pick();
-        same(dynstr_setdynstr(h, model_.handle(s)), model_.assign(d, model_.whole(s), 0, -1));
-        break;
-    }
-    case 3: {
-        const Input in = input();
-        const int offset = number(), length = number();
-        if (offset >= 0 && !valid) {
-            invalid("dynstring", "dynstr_setsubstring");
-        }
-        same(dynstr_setsubstring(h, in.pointer, offset, length), model_.assign(d, in.source, offset, length));
-        break;
-    }
-    case 4: {
-        const int s = pick(), offset = number(), length = number();
-        if (offset >= 0 && !(valid && model_.is_string(s))) {
-            invalid("dynstring", "dynstr_setsubdynstr");
-        }
-        same(dynstr_setsubdynstr(h, model_.handle(s), offset, length),
-             model_.is_string(s) ? model_.assign(d, model_.whole(s), offset, length) : kInvalid);
-        break;
-    }
+    case 1:
+        return same(dynstr_setstring(to, in.pointer), model_.assign(d, in.source, 0, -1));
+    case 2:
+        return same(dynstr_setstring_nolock(to, in.pointer), model_.assign(d, in.source, 0, -1));
+    case 3:
+        return same(dynstr_setdynstr(to, from), model_.assign(d, model_.whole(s), 0, -1));
+    case 4:
+        reported(offset >= 0 && !good, "dynstr_setsubstring", ": invalid dynstring passed");
+        return same(dynstr_setsubstring(to, in.pointer, offset, length), model_.assign(d, in.source, offset, length));
     case 5:
-    case 6: {
-        const Input in = input();
-        same(dynstr_addstring(h, in.pointer),
-             in.source.given ? model_.append(d, in.source.text, static_cast<int>(in.source.text.size())) : kInvalid);
-        break;
-    }
-    case 7: {
-        const Input in = input();
-        const int count = number();
-        same(dynstr_addstring_size(h, in.pointer, count), model_.append(d, in.source.text, count));
-        break;
-    }
-    case 8: {
-        const unsigned byte = next(), max = byte < 200 ? byte % 40 : byte + 1850;
-        if (!valid) {
-            model_.trace += "[DYNSTR] \"dynstr_setmaxsize() invalid param\"\r\n";
-        }
-        same(dynstr_setmaxsize(h, max), valid ? model_.limit(d, max) : kInvalid);
-        break;
-    }
+        reported(offset >= 0 && !(good && good_source), "dynstr_setsubdynstr", ": invalid dynstring passed");
+        return same(dynstr_setsubdynstr(to, from, offset, length),
+                    good_source ? model_.assign(d, model_.whole(s), offset, length) : kInvalid);
+    case 6:
+    case 7:
+        return same(dynstr_addstring(to, in.pointer),
+                    in.source.given ? model_.append(d, in.source.text, size) : kInvalid);
+    case 8:
     case 9:
-        if (!valid) {
-            model_.trace += "[DYNSTR] \"dynstr_reset() invalid param\"\r\n";
-        }
-        same(dynstr_reset(h), valid ? model_.reset(d) : kInvalid);
-        break;
-    case 10: {
-        const Input in = input();
-        if (!valid) {
-            model_.trace += "[DYNSTR] dynstr_sprintf: invalid dynstr passed\r\n";
-        }
-        same(dynstr_sprintf(h, "%s", in.pointer == nullptr ? "" : in.pointer),
-             valid ? model_.print(d, in.source.text) : kInvalid);
-        break;
-    }
+        return same(dynstr_addstring_size(to, in.pointer, length), model_.append(d, in.source.text, length));
+    case 10:
+        reported(!good, "\"dynstr_setmaxsize() invalid param\"");
+        return same(dynstr_setmaxsize(to, max), good ? model_.limit(d, max) : kInvalid);
     case 11:
+        reported(!good, "\"dynstr_reset() invalid param\"");
+        return same(dynstr_reset(to), good ? model_.reset(d) : kInvalid);
+    case 12:
+        reported(!good, "dynstr_sprintf: invalid dynstr passed");
+        return same(dynstr_sprintf(to, "%s", printed), good ? model_.print(d, in.source.text) : kInvalid);
+    case 13:
+        if (max >= 40 && model_.record(d).refs < 200) {
+            expect((dynstr_refalloc(to) == to) == model_.refer(d), "dynstr_refalloc");
+        }
+        return;
+    case 14:
         if (platform_.fail_next_outside_block != nullptr) {
             platform_.fail_next_outside_block();
             model_.next_outside_block_fails();
         }
-        break;
-    case 12:
-        if (next() < 64 && model_.record(d).refs < 200) {
-            expect((dynstr_refalloc(h) == h) == model_.refer(d), "reference");
-        }
-        break;
+        return;
+    case 15:
+        return same(dynstr_calloc_maxsize(poolid_, max), model_.create_empty(max));
+    case 16:
+        return same(dynstr_fromliteral(poolid_, literal), model_.create_literal(literal));
+    case 17:
+        reported(!good_source, "dynstr_fromdynstr_nolock", ": invalid dynstring passed");
+        return same(dynstr_fromdynstr(from), good_source ? model_.create(true, model_.whole(s), 0, -1) : -1);
+    case 18:
+        reported(!good_source, "dynstr_fromsubdynstr_nolock", ": invalid poolid passed");
+        return same(dynstr_fromsubdynstr(from, offset, length),
+                    good_source ? model_.create(true, model_.whole(s), offset, length) : -1);
+    case 19:
+        return same(dynstr_fromsubstring(poolid_, in.pointer, offset, length),
+                    model_.create(false, in.source, offset, length));
+    case 20:
+        return same(dynstr_fromprintf(poolid_, "%s", printed), model_.create_printed(in.source.text));
+    case 21:
+    case 22:
+        return same(dynstr_fromstring(poolid_, in.pointer), model_.create(false, in.source, 0, -1));
+    case 23:
+    case 24: {
+        const std::string text = model_.getstring(d);
+        expect(dynstr_getstring(to) == text && dynstr_strcmp2(to, text.c_str()) == 0, "dynstr_getstring");
+        expect((dynstr_strcmp(to, from) == 0) == (text == model_.getstring(s)), "dynstr_strcmp");
+        expect(!good || dynstr_strlen(to) == text.size(), "dynstr_strlen");
+        reported(!good, "\"dynstr_getmaxsize() invalid param\"");
+        expect(dynstr_getmaxsize(to) == (good ? model_.record(d).max : 0), "dynstr_getmaxsize");
+        return expect(dynstr_integrity_check(poolid_, 0) == 1, "dynstr_integrity_check");
+    }
     default:
-        same(static_cast<unsigned>(memm_free(h)), model_.release(d));
-        break;
+        return same(static_cast<unsigned>(memm_free(to)), model_.release(d));
     }
-}
-
-void TextPoolTrial::make()
-{
-    static const char *const kLiterals[] = {"", "x", "a literal",
-                                            "a literal that is longer than some buffers can hold"};
-    switch (operation_ % 8) {
-    case 0: {
-        const unsigned max = next() * 9;
-        same(dynstr_calloc_maxsize(poolid_, max), model_.create_empty(max));
-        break;
-    }
-    case 1: {
-        const char *text = kLiterals[next() % 4];
-        same(dynstr_fromliteral(poolid_, text), model_.create_literal(text));
-        break;
-    }
-    case 2: {
-        const int s = pick();
-        const bool valid = model_.is_string(s);
-        if (!valid) {
-            invalid("dynstring", "dynstr_fromdynstr_nolock");
-        }
-        same(dynstr_fromdynstr(model_.handle(s)), valid ? model_.create(true, model_.whole(s), 0, -1) : -1);
-        break;
-    }
-    case 3: {
-        const int s = pick(), offset = number(), length = number();
-        const bool valid = model_.is_string(s);
-        if (!valid) {
-            invalid("poolid", "dynstr_fromsubdynstr_nolock");
-        }
-        same(dynstr_fromsubdynstr(model_.handle(s), offset, length),
-             valid ? model_.create(true, model_.whole(s), offset, length) : -1);
-        break;
-    }
-    case 4: {
-        const Input in = input();
-        const int offset = number(), length = number();
-        same(dynstr_fromsubstring(poolid_, in.pointer, offset, length),
-             model_.create(false, in.source, offset, length));
-        break;
-    }
-    case 5: {
-        const Input in = input();
-        same(dynstr_fromprintf(poolid_, "%s", in.pointer == nullptr ? "" : in.pointer),
-             model_.create_printed(in.source.text));
-        break;
-    }
-    default: {
-        const Input in = input();
-        same(dynstr_fromstring(poolid_, in.pointer), model_.create(false, in.source, 0, -1));
-        break;
-    }
-    }
-}
-
-void TextPoolTrial::look()
-{
-    const int a = pick(), b = pick();
-    const dynstr *const first = model_.handle(a), *const second = model_.handle(b);
-    const std::string text = model_.getstring(a);
-    const int order = dynstr_strcmp(first, second), expected = std::strcmp(text.c_str(), model_.getstring(b).c_str());
-    expect((order < 0) == (expected < 0) && (order > 0) == (expected > 0), "dynstr_strcmp");
-    expect(dynstr_strcmp2(first, text.c_str()) == 0 && dynstr_getstring(first) == text, "dynstr_getstring");
-    if (!model_.is_string(a)) {
-        model_.trace += "[DYNSTR] \"dynstr_getmaxsize() invalid param\"\r\n";
-    } else {
-        expect(dynstr_strlen(first) == text.size(), "dynstr_strlen");
-    }
-    expect(dynstr_getmaxsize(first) == (model_.is_string(a) ? model_.record(a).max : 0), "dynstr_getmaxsize");
-    expect(dynstr_integrity_check(poolid_, 0) == 1, "dynstr_integrity_check");
-}
-
-void TextPoolTrial::step()
-{
-    operation_ = next();
-    if (operation_ < 208) {
-        change();
-    } else if (operation_ < 240) {
-        make();
-    } else {
-        look();
-    }
-    std::string trace = model_.trace, errors = model_.errors;
-    if (platform_.take_reports != nullptr) {
-        platform_.take_reports(trace, errors);
-    }
-    expect(trace == model_.trace && errors == model_.errors, "reports");
-    if (found_.empty()) {
-        found_ = model_.difference();
-    } else {
-        found_ += ": " + model_.difference() + "\nexpected: " + model_.trace + model_.errors + "\nreported: " + trace +
-                  errors;
-    }
-    model_.trace.clear();
-    model_.errors.clear();
-    ++operations_;
 }
 
 std::string TextPoolTrial::run(std::span<const unsigned char> bytes)
@@ -748,7 +645,22 @@ std::string TextPoolTrial::run(std::span<const unsigned char> bytes)
     bytes_ = bytes;
     found_.clear();
     while (!bytes_.empty() && found_.empty()) {
-        step();
+        const unsigned operation = next() % 32;
+        call(operation);
+        std::string trace = model_.trace, errors = model_.errors;
+        if (platform_.take_reports != nullptr) {
+            platform_.take_reports(trace, errors);
+        }
+        expect(trace == model_.trace && errors == model_.errors, "reports");
+        const std::string difference = model_.difference();
+        expect(difference.empty(), "state");
+        if (!found_.empty()) {
+            found_ = "operation " + std::to_string(operation) + ": " + found_ + ": " + difference +
+                     "\nexpected: " + model_.trace + model_.errors + "\nreported: " + trace + errors;
+        }
+        model_.trace.clear();
+        model_.errors.clear();
+        ++operations_;
     }
-    return found_.empty() ? "" : "operation " + std::to_string(operation_) + ": " + found_;
+    return found_;
 }

@@ -49,7 +49,6 @@ public:
     unsigned assign(int d, const Source &source, std::int64_t offset, std::int64_t length);
     unsigned append(int d, const std::string &text, std::int64_t count);
     unsigned print(int d, const std::string &text);
-    unsigned hex(int d, unsigned count, char digit);
     unsigned limit(int d, unsigned max);
     unsigned reset(int d);
     int create_empty(unsigned max);
@@ -79,7 +78,8 @@ private:
     void commit(int d, const std::string &text);
     unsigned finish(int d, int stand_by, unsigned code);
     void mark_deleted(int i);
-    std::string slots_difference() const;
+    int give_back_unless(unsigned code, int d);
+    std::string records_difference() const;
 
     memm_pool pool_;
     memm::strings::TextPool texts_;
@@ -122,21 +122,17 @@ private:
     int pick();
     Input input();
     int number();
-    void step();
-    void change();
-    void make();
-    void look();
+    void call(unsigned operation);
     void expect(bool holds, const char *what);
     void same(unsigned result, unsigned expected) { expect(result == expected, "result"); }
     void same(const dynstr *result, int expected) { expect(result == model_.handle(expected), "new record"); }
-    void invalid(const char *message, const char *function);
+    void reported(bool really, const char *function, const char *message = "");
 
     TextPoolModel model_;
     unsigned poolid_;
     Platform platform_;
     std::span<const unsigned char> bytes_;
     int operations_ = 0;
-    unsigned operation_ = 0;
     std::string given_, found_;
     char letter_ = 'a';
 };
