@@ -22,7 +22,7 @@ namespace {
 char folder[64];  // empty: paths are left alone
 std::atomic<int> dump_file{-1};
 unsigned writes;
-unsigned long written_bytes;
+std::size_t written_bytes;
 
 constexpr const char *kDiverted[] = {"/etc/config/", "/tmp/memm_dump_", "/var/tmp/memm_"};
 
@@ -138,7 +138,7 @@ ssize_t write(int file, const void *bytes, size_t count)
             count = std::min(count, file_faults.room - written_bytes);
         }
         if (file_faults.write_most != 0) {
-            count = std::min<std::size_t>(count, file_faults.write_most);
+            count = std::min(count, file_faults.write_most);
         }
         written_bytes += count;
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <string>
 
 // Stands between the library and the files that it names: /etc/config/*, /tmp/memm_dump_* and /var/tmp/memm_* lead into
@@ -27,8 +28,8 @@ void write_file(const std::string &path, const std::string &content);
 // What calls on the dump file that is being written do; 0: nothing special. Errors are values of errno.
 struct FileFaults {
     int fstat_error = 0, ftruncate_error = 0, close_error = 0, write_error = 0;
-    unsigned long write_most = 0;  // bytes that one write takes
-    unsigned long room = 0;        // bytes written before write_error comes
+    std::size_t write_most = 0;    // bytes that one write takes
+    std::size_t room = 0;          // bytes written before write_error comes
     unsigned interrupt_every = 0;  // every n-th write is interrupted
 };
 extern FileFaults file_faults;
