@@ -51,42 +51,47 @@ Result finish_with(Rewrite &rewrite, u32 size) noexcept
     return rewrite.finish();
 }
 
+// A text of that length, into a block of its exact size.
+Result print_outside(Rewrite &rewrite, u64 length, const char *format, std::va_list arguments) noexcept
+{
+    if (const u64 max = rewrite.max_size(); max != 0) {
+        length = std::min(length, max - 1);
+    }
+    char *const text = rewrite.make_room_outside(length + 1, length + 1);
+    if (text == nullptr) {
+        return rewrite.finish();
+    }
+    print_once(text, length + 1, format, arguments);
+    return finish_with(rewrite, end_text(text, length));
+}
+
 }  // namespace
 
-// Straight into the free space of the current buffer when the text fits there, or is cut there by its limit; else a
-// second time, into a block of its exact size.
+// Straight into the free space of the current buffer when the text fits there, or is cut there by its limit; else what
+// stands there only tells the length.
 Result print_to(Held held, TextPool &pool, dynstr &record, const char *format, std::va_list arguments) noexcept
 {
     Rewrite rewrite(held, pool, record);
     if (!rewrite.set_aside()) {
         return Result::no_memory;
     }
+    if (pool.room() == 0) {
+        char no_room = '\0';
+        return print_outside(rewrite, print_once(&no_room, 1, format, arguments), format, arguments);
+    }
     const u64 max = rewrite.max_size();
     const bool limited = max != 0 && pool.room() >= max;
     const u64 room = limited ? max : std::min(pool.room(), kMaxTextSize);
-    char only_measured = '\0';
-    char *const text = room == 0 ? &only_measured : rewrite.make_room(room, room);
-    if (room != 0) {
-        if (const auto quick = quick_print(text, static_cast<std::size_t>(room), format, arguments)) {
-            return finish_with(rewrite, static_cast<u32>(*quick + 1));
-        }
+    char *const text = rewrite.make_room(room, room);
+    if (const auto length = quick_print(text, static_cast<std::size_t>(room), format, arguments)) {
+        return finish_with(rewrite, static_cast<u32>(*length + 1));
     }
-    u64 length = print_once(text, std::max<u64>(room, 1), format, arguments);
-    if (room != 0 && (limited || length < room)) {
+    const u64 length = print_once(text, room, format, arguments);
+    if (limited || length < room) {
         return finish_with(rewrite, end_text(text, std::min(length, room - 1)));
     }
-    if (room != 0) {
-        std::memset(text, 0, static_cast<std::size_t>(room));
-    }
-    if (max != 0) {
-        length = std::min(length, max - 1);
-    }
-    char *const outside = rewrite.make_room_outside(length + 1, length + 1);
-    if (outside == nullptr) {
-        return rewrite.finish();
-    }
-    print_once(outside, length + 1, format, arguments);
-    return finish_with(rewrite, end_text(outside, length));
+    std::memset(text, 0, static_cast<std::size_t>(room));
+    return print_outside(rewrite, length, format, arguments);
 }
 
 Result place_text(Held held, TextPool &pool, dynstr &record, std::string_view text) noexcept
