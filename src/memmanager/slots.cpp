@@ -3,6 +3,7 @@
 #include "memmanager/trace.h"
 
 #include <memmanager/platform.h>
+#include <algorithm>
 
 namespace memm {
 
@@ -18,18 +19,20 @@ struct Found {
 Found scan(const PoolAid &aid, unsigned char *limit) noexcept
 {
     Pool &pool = *aid.pool;
-    unsigned char *const from = pool.first_free;
-    unsigned char *const beyond = limit + pool.slot_size;
-    unsigned char *slot = from;
+    unsigned char *slot = pool.first_free;
+    u32 steps = 0;
     if (aid.index == nullptr) {
-        while (slot <= limit && !is_free(slot)) {
-            slot += pool.slot_size;
+        for (; slot <= limit && !is_free(slot); slot += pool.slot_size) {
+            ++steps;
         }
     } else {
-        const u32 number = aid.index->next_free(aid.number_of(from));
-        slot = number > aid.number_of(limit) ? beyond : slot_at(pool, number);
+        const u32 from = aid.number_of(slot);
+        const u32 beyond = aid.number_of(limit) + 1;
+        const u32 number = std::min(aid.index->next_free(from), beyond);
+        slot = slot_at(pool, number);
+        steps = number - from;
     }
-    add(pool.scan_steps, static_cast<u32>(slot - from) / pool.slot_size);
+    add(pool.scan_steps, steps);
     if (slot > limit) {
         return {slot, MEMM_PATH_OTHER};
     }
