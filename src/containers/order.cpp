@@ -250,7 +250,7 @@ Result append_copy(Held held, Node **plist, const Node *list, int poolid) noexce
         return Result::invalid;
     }
     Tail tail(plist);
-    for (int left = length(list); left > 0; --left, list = list->next) {
+    for (int left = length(list); left > 0 && list != nullptr; --left, list = list->next) {
         // Deliberate: a failed copy takes the whole destination with it, and keeps the reference it took last.
         Node *node = nullptr;
         if (add_reference(held, list->obj) != nullptr) {

@@ -21,7 +21,7 @@ template <typename Fill> dynstr *create_with(Held held, void *record, Fill fill)
 dynstr *create(Held, TextPool &pool, const Source &source, int offset, int length) noexcept;
 
 // As dynstr_fromstring_nolock() and dynstr_fromsubdynstr_nolock(), messages included.
-dynstr *create_from_text(Held, PoolId pool, const char *text) noexcept;
+dynstr *create_from_text(Held, PoolId id, const char *text) noexcept;
 dynstr *copy_part(Held, const dynstr *source, int offset, int length) noexcept;
 
 }  // namespace memm::strings

@@ -144,7 +144,7 @@ int release_record(void *object)
         trace_failure("[DYNSTR] \"Failed to get buffer nr\"\r\n");
     }
     TextPool *const pool = owner_pool(object);
-    if (pool == nullptr) {
+    if (object == nullptr || pool == nullptr) {
         trace_failure("[DYNSTR] \"loc_dynstr_free_ex invalid param\"\r\n");
         return MEMM_E_INVALID;
     }

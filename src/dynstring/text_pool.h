@@ -111,7 +111,7 @@ void print_usage(void *cookie, int *live, int *peak, int *capacity, memm_printf_
 int release_record(void *object);
 
 // The text of any pointer, or what stands for it.
-const char *text_of(const void *record) noexcept;
+const char *text_of(const void *pointer) noexcept;
 
 // --- compaction and check (compact.cpp, check.cpp) ---
 

@@ -113,7 +113,7 @@ public:
     }
 
     // A descriptor is taken: from now on its pool has an aid.
-    void enrol(Pool &pool) noexcept;
+    void enrol(Pool &pool) const noexcept;
 
     // Enters a pool that has its slots into the order by address.
     void place(Held, PoolId id) noexcept;

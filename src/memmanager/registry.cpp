@@ -23,7 +23,7 @@ void Registry::adopt(unsigned char *table, PoolAid *aids, u32 *by_address) noexc
     store(table_, table);
 }
 
-void Registry::enrol(Pool &pool) noexcept
+void Registry::enrol(Pool &pool) const noexcept
 {
     const PoolId id = id_of(pool);
     aid(id).pool = &pool;
@@ -177,7 +177,7 @@ Pool *make_pool(Held held, const char *name, int count, Size size, const memm_po
         set_options(pool.options, *options);
     }
     const auto spare = static_cast<int>(std::clamp<intptr_t>(pool.options.spare_count, 0, count));
-    const auto last_slot = slots + std::size_t{size.slot} * static_cast<u32>(count - 1);
+    auto *const last_slot = slots + std::size_t{size.slot} * static_cast<u32>(count - 1);
     store(pool.slot_size, size.slot);
     store(pool.slot_count, count);
     store(pool.first_free, slots);
