@@ -3,6 +3,7 @@
 #include <memmanager/memmanager.h>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <string>
 
 // Makes a pool in a manager that is started by the first call.
 inline unsigned make_pool(const char *name, int count, int size = 24, const memm_pooloptions &options = {})
@@ -17,3 +18,13 @@ inline unsigned make_pool(const char *name, int count, int size = 24, const memm
 inline memm_pool &pool_at(unsigned id) { return *memm_get_pool_nolock(id); }
 
 inline unsigned &header_of(void *object) { return static_cast<unsigned *>(object)[-1]; }
+
+// A report as it looks: each of its lines ends with a '|', which shows the blanks before it. The first line is dropped.
+inline std::string lines(const std::string &picture)
+{
+    std::string report;
+    for (const char c : picture.substr(1)) {
+        report.append(c == '|' ? "\r" : std::string(1, c));
+    }
+    return report;
+}
