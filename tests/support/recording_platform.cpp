@@ -21,6 +21,15 @@ constexpr std::size_t kMaxTags = 10000;
 memm::FutexLock manager_lock;
 thread_local unsigned own_depth = 0;
 
+std::string format_text(const char *format, va_list arguments)
+{
+    char *made = nullptr;
+    const int length = vasprintf(&made, format, arguments);
+    std::string result(made, static_cast<std::size_t>(length));
+    std::free(made);
+    return result;
+}
+
 // By handle; a handle is an index above 0. A deque's elements stay where they are.
 std::deque<memm::FutexLock> &mutexes()
 {
@@ -28,25 +37,59 @@ std::deque<memm::FutexLock> &mutexes()
     return *all;
 }
 
-std::string format_text(const char *format, va_list arguments)
+memm::FutexLock *find_mutex(unsigned handle)
 {
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    std::string result(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-    std::vsnprintf(result.data(), result.size() + 1, format, arguments);
-    return result;
+    return handle == 0 || handle >= mutexes().size() ? nullptr : &mutexes()[handle];
+}
+
+void append(std::string &channel, const std::string &more)
+{
+    const std::lock_guard guard(recorder().mutex_);
+    channel += more;
 }
 
 int capture_debug(const char *format, va_list arguments)
 {
-    recorder().print(&Recorder::debug_, format, arguments);
+    append(recorder().debug_, format_text(format, arguments));
     return recorder().print_result;
 }
 
+// A block has exactly the size, for the address sanitizer.
+unsigned get_block(Op op, unsigned size, void **block)
+{
+    const std::lock_guard guard(recorder().mutex_);
+    const Recorder::Plan &plan = recorder().plan(op);
+    const bool fails = recorder().plan(op).next_fails();
+    if (fails && plan.fault == Fault::refused)
+        return plan.code;
+    *block = nullptr;
+    if (fails && plan.fault == Fault::null_block)
+        return 0;
+    const std::size_t lead = fails ? 4 : 0;  // misaligned
+    auto *const memory = static_cast<unsigned char *>(std::malloc(size + lead));
+    if (memory == nullptr)
+        return 12;
+    std::memset(memory, kDirt, size + lead);
+    if (op == Op::alloc)
+        recorder().blocks_.push_back(memory);
+    else
+        recorder().outside_.insert(memory);
+    *block = memory + lead;
+    return 0;
+}
+
 class Listener : public testing::EmptyTestEventListener {
-    void OnTestEnd(const testing::TestInfo &) override { recorder().check_test_end(); }
+    void OnTestEnd(const testing::TestInfo &) override
+    {
+        EXPECT_EQ(recorder().depth_, 0U) << "the manager lock was left taken";
+        EXPECT_FALSE(recorder().stray_release_.exchange(false)) << "V by a task that did not hold the manager lock";
+        EXPECT_EQ(dbg_vprintf_cb, &capture_debug) << "the sink of dbg_printf was left redirected";
+        const std::string reports = recorder().take_trace() + recorder().take_errors();
+        EXPECT_EQ(std::exchange(recorder().reports_allowed_, false) ? "" : reports, "")
+            << "traced or reported through err_printf, and not taken by the test";
+        for (const char *prefix : {"/tmp/memm_dump_", "/var/tmp/memm_"})
+            unlink((prefix + std::to_string(getpid())).c_str());
+    }
 };
 
 const bool is_listening = [] {
@@ -71,88 +114,27 @@ std::string text(const char *format, ...)
     return result;
 }
 
-// --- captures ---
-
-void Recorder::before_report()
-{
-    if (on_report) {
-        on_report();
-    }
-}
-
-void Recorder::print(std::string Recorder::*channel, const char *format, va_list arguments)
-{
-    const std::string more = format_text(format, arguments);
-    const std::lock_guard guard(mutex_);
-    this->*channel += more;
-}
-
-void Recorder::report(unsigned code, int severity, const char *module, const char *file, int line, const char *message)
-{
-    char start[64];
-    std::snprintf(start, sizeof start, "0x%05x %d %s %s%s: ", code, severity, module, file,
-                  line > 0 ? "" : " (no line)");
-    const std::lock_guard guard(mutex_);
-    errors_.append(start).append(message).append("\n");
-}
-
 void Recorder::forget()
 {
-    take_debug();
-    take_trace();
-    take_errors();
-    take_tags();
-    take_allocations();
-    take_mutex_calls();
+    take_debug(), take_trace(), take_errors();
+    take_tags(), take_allocations(), take_mutex_calls();
 }
-
-void Recorder::check_test_end()
-{
-    EXPECT_EQ(manager_lock_depth(), 0U) << "the manager lock was left taken";
-    EXPECT_FALSE(stray_release_.exchange(false)) << "V by a task that did not hold the manager lock";
-    EXPECT_EQ(dbg_vprintf_cb, &capture_debug) << "the sink of dbg_printf was left redirected";
-    const std::string trace = take_trace(), errors = take_errors();
-    if (!std::exchange(reports_allowed_, false)) {
-        EXPECT_EQ(trace, "") << "traced, and not taken by the test";
-        EXPECT_EQ(errors, "") << "reported through err_printf, and not taken by the test";
-    }
-    for (const char *prefix : {"/tmp/memm_dump_", "/var/tmp/memm_"}) {
-        unlink((prefix + std::to_string(getpid())).c_str());
-    }
-}
-
-// --- faults ---
 
 void Recorder::fail_nth(Op op, unsigned n, unsigned code, Fault fault, unsigned repeated)
 {
     const std::lock_guard guard(mutex_);
-    Counter &counter = counters_[index(op)];
-    counter.first = counter.calls + n;
-    counter.beyond = counter.first + repeated;
-    counter.code = code;
-    counter.fault = fault;
+    Plan &plan = this->plan(op);
+    plan.first = plan.calls + n;
+    plan.beyond = plan.first + repeated;
+    plan.code = code;
+    plan.fault = fault;
 }
 
 void Recorder::fail_never()
 {
     const std::lock_guard guard(mutex_);
-    for (Counter &counter : counters_) {
-        counter.first = counter.beyond = 0;
-    }
-}
-
-Recorder::Outcome Recorder::next_outcome(Op op, unsigned &code)
-{
-    const std::lock_guard guard(mutex_);
-    Counter &counter = counters_[index(op)];
-    const unsigned number = ++counter.calls;
-    if (number < counter.first || number >= counter.beyond) {
-        return Outcome::succeed;
-    }
-    code = counter.code;
-    return counter.fault == Fault::refused      ? Outcome::refused
-           : counter.fault == Fault::null_block ? Outcome::null_block
-                                                : Outcome::misaligned;
+    for (Plan &plan : plans_)
+        plan.first = plan.beyond = 0;
 }
 
 unsigned Recorder::outside_blocks() const
@@ -161,127 +143,11 @@ unsigned Recorder::outside_blocks() const
     return static_cast<unsigned>(outside_.size());
 }
 
-// --- memory: blocks of exactly the size, for the address sanitizer ---
-
-void Recorder::note_allocation(const char *label, int option, unsigned size)
-{
-    const std::lock_guard guard(mutex_);
-    allocations_.push_back({label, option, size});
-}
-
-unsigned Recorder::get_block(Op op, unsigned size, void **block)
-{
-    unsigned code = 0;
-    const Outcome outcome = next_outcome(op, code);
-    if (outcome == Outcome::refused) {
-        return code;
-    }
-    const std::size_t lead = outcome == Outcome::misaligned ? 4 : 0;
-    auto *memory = outcome == Outcome::null_block ? nullptr : static_cast<unsigned char *>(std::malloc(size + lead));
-    if (memory != nullptr) {
-        std::memset(memory, kDirt, size + lead);
-        const std::lock_guard guard(mutex_);
-        if (op == Op::alloc) {
-            blocks_.push_back(memory);
-        } else {
-            outside_.insert(memory);
-        }
-    } else if (outcome == Outcome::succeed) {
-        return 12;  // truly no memory
-    }
-    *block = memory == nullptr ? nullptr : memory + lead;
-    return 0;
-}
-
-unsigned Recorder::give_back(void *block)
-{
-    unsigned code = 0;
-    const Outcome outcome = next_outcome(Op::retmem, code);
-    {
-        const std::lock_guard guard(mutex_);
-        if (outside_.erase(block) == 0 && block != nullptr) {
-            ADD_FAILURE() << "xm_retmem of a block that xm_getmem did not give, or that was given back before";
-            return 22;
-        }
-    }
-    std::free(block);
-    return outcome == Outcome::succeed ? 0 : code;
-}
-
-// --- mutexes ---
-
-unsigned Recorder::make_mutex(const char *name, int option, unsigned *handle)
-{
-    unsigned code = 0;
-    const Outcome outcome = next_outcome(Op::create, code);
-    const std::lock_guard guard(mutex_);
-    mutex_calls_.push_back("create(" + std::string(name) + "," + std::to_string(option) + ")");
-    if (outcome != Outcome::succeed) {
-        return code;
-    }
-    *handle = static_cast<unsigned>(mutexes().size());
-    mutexes().emplace_back();
-    return 0;
-}
-
-unsigned Recorder::take_mutex(unsigned handle, int mode, int timeout)
-{
-    memm::FutexLock *lock = nullptr;
-    {
-        const std::lock_guard guard(mutex_);
-        mutex_calls_.push_back("p(" + std::to_string(mode) + "," + std::to_string(timeout) + ")");
-        unsigned result = 0;
-        if (!xmu_p_results_.empty()) {
-            result = xmu_p_results_.front();
-            xmu_p_results_.pop_front();
-        }
-        if (result != 0 || handle == 0 || handle >= mutexes().size()) {
-            return result != 0 ? result : 22;
-        }
-        lock = &mutexes()[handle];
-    }
-    return (mode == 1 ? lock->try_take() : lock->take_for(timeout)) ? 0 : 6;
-}
-
-unsigned Recorder::drop_mutex(unsigned handle)
-{
-    const std::lock_guard guard(mutex_);
-    mutex_calls_.emplace_back("v");
-    return handle == 0 || handle >= mutexes().size() ? 22 : mutexes()[handle].release() ? 0 : 1;
-}
-
 void Recorder::script_xmu_p(std::vector<unsigned> results)
 {
     const std::lock_guard guard(mutex_);
     xmu_p_results_.assign(results.begin(), results.end());
 }
-
-// --- the manager lock ---
-
-void Recorder::enter(const char *tag)
-{
-    manager_lock.take();
-    ++depth_;
-    if (own_depth++ == 0) {
-        const std::lock_guard guard(mutex_);
-        if (tags_.size() < kMaxTags) {
-            tags_.emplace_back(tag);
-        }
-    }
-}
-
-void Recorder::leave()
-{
-    if (!manager_lock.is_mine()) {
-        stray_release_ = true;
-        return;
-    }
-    --own_depth;
-    --depth_;
-    manager_lock.release();
-}
-
-// --- clock ---
 
 void Recorder::set_clock(unsigned seconds, unsigned microseconds, unsigned step_us)
 {
@@ -290,46 +156,86 @@ void Recorder::set_clock(unsigned seconds, unsigned microseconds, unsigned step_
     step_us_ = step_us;
 }
 
-void Recorder::advance_clock(unsigned microseconds)
-{
-    const std::lock_guard guard(mutex_);
-    now_us_ += microseconds;
-}
-
-void Recorder::read_clock(unsigned *seconds, unsigned *microseconds)
-{
-    const std::lock_guard guard(mutex_);
-    *seconds = static_cast<unsigned>(now_us_ / 1000000);
-    *microseconds = static_cast<unsigned>(now_us_ % 1000000);
-    now_us_ += step_us_;
-}
-
 // --- the operations ---
 
 extern "C" {
 
 unsigned xm_alloc(const char *label, int option, unsigned size, void **block)
 {
-    recorder().note_allocation(label, option, size);
-    return recorder().get_block(Op::alloc, size, block);
+    {
+        const std::lock_guard guard(recorder().mutex_);
+        recorder().allocations_.push_back({label, option, size});
+    }
+    return get_block(Op::alloc, size, block);
 }
 
-unsigned xm_getmem(unsigned size, void **block) { return recorder().get_block(Op::getmem, size, block); }
+unsigned xm_getmem(unsigned size, void **block) { return get_block(Op::getmem, size, block); }
 
-unsigned xm_retmem(void *block) { return recorder().give_back(block); }
+unsigned xm_retmem(void *block)
+{
+    const std::lock_guard guard(recorder().mutex_);
+    const bool fails = recorder().plan(Op::retmem).next_fails();
+    EXPECT_TRUE(recorder().outside_.erase(block) != 0 || block == nullptr)
+        << "xm_retmem of a block that xm_getmem did not give, or that was given back before";
+    std::free(block);
+    return fails ? recorder().plan(Op::retmem).code : 0;
+}
 
 unsigned xmu_create(const char *name, int option, unsigned *handle)
 {
-    return recorder().make_mutex(name, option, handle);
+    const std::lock_guard guard(recorder().mutex_);
+    recorder().mutex_calls_.push_back(text("create(%s,%d)", name, option));
+    if (recorder().plan(Op::create).next_fails())
+        return recorder().plan(Op::create).code;
+    *handle = static_cast<unsigned>(mutexes().size());
+    mutexes().emplace_back();
+    return 0;
 }
 
-unsigned xmu_p(unsigned handle, int mode, int timeout) { return recorder().take_mutex(handle, mode, timeout); }
+unsigned xmu_p(unsigned handle, int mode, int timeout)
+{
+    std::unique_lock guard(recorder().mutex_);
+    recorder().mutex_calls_.push_back(text("p(%d,%d)", mode, timeout));
+    if (auto &results = recorder().xmu_p_results_; !results.empty()) {
+        const unsigned result = results.front();
+        results.pop_front();
+        if (result != 0)
+            return result;
+    }
+    memm::FutexLock *const lock = find_mutex(handle);
+    guard.unlock();
+    return lock == nullptr ? 22 : (mode == 1 ? lock->try_take() : lock->take_for(timeout)) ? 0 : 6;
+}
 
-unsigned xmu_v(unsigned handle) { return recorder().drop_mutex(handle); }
+unsigned xmu_v(unsigned handle)
+{
+    const std::lock_guard guard(recorder().mutex_);
+    recorder().mutex_calls_.emplace_back("v");
+    memm::FutexLock *const lock = find_mutex(handle);
+    return lock == nullptr ? 22 : lock->release() ? 0 : 1;
+}
 
-void P(const char *tag) { recorder().enter(tag); }
+void P(const char *tag)
+{
+    manager_lock.take();
+    ++recorder().depth_;
+    if (own_depth++ == 0) {
+        const std::lock_guard guard(recorder().mutex_);
+        if (recorder().tags_.size() < kMaxTags)
+            recorder().tags_.emplace_back(tag);
+    }
+}
 
-void V(void) { recorder().leave(); }
+void V(void)
+{
+    if (!manager_lock.is_mine()) {
+        recorder().stray_release_ = true;
+        return;
+    }
+    --own_depth;
+    --recorder().depth_;
+    manager_lock.release();
+}
 
 unsigned vemo_t_ident(int, int, int *id)
 {
@@ -343,7 +249,13 @@ unsigned xt_getname(int id, char *name)
     return 0;
 }
 
-void xtm_gettimestamp(unsigned *seconds, unsigned *microseconds) { recorder().read_clock(seconds, microseconds); }
+void xtm_gettimestamp(unsigned *seconds, unsigned *microseconds)
+{
+    const std::lock_guard guard(recorder().mutex_);
+    *seconds = static_cast<unsigned>(recorder().now_us_ / 1000000);
+    *microseconds = static_cast<unsigned>(recorder().now_us_ % 1000000);
+    recorder().now_us_ += recorder().step_us_;
+}
 
 int (*dbg_vprintf_cb)(const char *format, va_list arguments) = capture_debug;
 
@@ -358,18 +270,21 @@ int dbg_printf(const char *format, ...)
 
 int trc_def_printf(const char *format, ...)
 {
-    recorder().before_report();
+    if (recorder().on_report)
+        recorder().on_report();
     va_list arguments;
     va_start(arguments, format);
-    recorder().print(&Recorder::trace_, format, arguments);
+    append(recorder().trace_, format_text(format, arguments));
     va_end(arguments);
     return recorder().print_result;
 }
 
 int err_printf(unsigned code, int severity, const char *module, const char *file, int line, const char *message)
 {
-    recorder().before_report();
-    recorder().report(code, severity, module, file, line, message);
+    if (recorder().on_report)
+        recorder().on_report();
+    append(recorder().errors_,
+           text("0x%05x %d %s %s%s: %s\n", code, severity, module, file, line > 0 ? "" : " (no line)", message));
     return 0;
 }
 }

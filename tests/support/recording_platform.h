@@ -8,6 +8,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 // A platform that remembers what the library asked of it and fails on demand. Linking it replaces every platform
@@ -47,68 +48,53 @@ public:
     // The n-th call from now on (1 is the next) fails, and the `repeated - 1` calls after it.
     void fail_nth(Op op, unsigned n, unsigned code = 7, Fault fault = Fault::refused, unsigned repeated = 1);
     void fail_never();
-    unsigned calls(Op op) const { return counters_[index(op)].calls; }  // all in this process
-    unsigned outside_blocks() const;                                    // from xm_getmem and not given back
+    unsigned calls(Op op) { return plan(op).calls; }  // all in this process
+    unsigned outside_blocks() const;                  // from xm_getmem and not given back
 
     // --- xmu_p: the next calls answer these; one that answers 0 takes the mutex first, others do not touch it ---
     void script_xmu_p(std::vector<unsigned> results);
 
     // --- clock: each reading is this much later than the one before; it starts at 1000 s with 1 us ---
     void set_clock(unsigned seconds, unsigned microseconds, unsigned step_us = 0);
-    void advance_clock(unsigned microseconds);
 
     std::function<void()> on_report;                        // called by err_printf and trc_def_printf first
     std::atomic<int> print_result{0};                       // what dbg_printf and trc_def_printf answer
     unsigned manager_lock_depth() const { return depth_; }  // holds by all tasks
 
-    // --- for the operations themselves and the listener ---
-    void before_report();
-    void print(std::string Recorder::*channel, const char *format, va_list arguments);
-    void report(unsigned code, int severity, const char *module, const char *file, int line, const char *message);
-    unsigned get_block(Op op, unsigned size, void **block);
-    unsigned give_back(void *block);
-    void note_allocation(const char *label, int option, unsigned size);
-    unsigned make_mutex(const char *name, int option, unsigned *handle);
-    unsigned take_mutex(unsigned handle, int mode, int timeout);
-    unsigned drop_mutex(unsigned handle);
-    void enter(const char *tag);
-    void leave();
-    void read_clock(unsigned *seconds, unsigned *microseconds);
-    void check_test_end();
-
-    std::string debug_, trace_, errors_;
-
-private:
-    struct Counter {
+    // --- what the operations note, and how they are to behave; guarded by the mutex ---
+    struct Plan {
         std::atomic<unsigned> calls{0};
         unsigned first = 0, beyond = 0;  // failing calls, by number
         unsigned code = 0;
         Fault fault = Fault::refused;
+
+        bool next_fails()  // counts a call
+        {
+            const unsigned number = ++calls;
+            return number >= first && number < beyond;
+        }
     };
-    enum class Outcome { succeed, refused, null_block, misaligned };
 
-    static std::size_t index(Op op) { return static_cast<std::size_t>(op); }
-    Outcome next_outcome(Op op, unsigned &code);
-
-    template <typename T> T take(T &from)
-    {
-        const std::lock_guard guard(mutex_);
-        T taken;
-        taken.swap(from);
-        return taken;
-    }
-
-    mutable std::mutex mutex_;  // guards everything below, and the texts
+    mutable std::mutex mutex_;
+    std::string debug_, trace_, errors_;
     std::vector<std::string> tags_, mutex_calls_;
     std::vector<Allocation> allocations_;
     std::vector<void *> blocks_;  // of xm_alloc, for ever
     std::set<void *> outside_;
-    Counter counters_[4];
+    Plan plans_[4];
+    Plan &plan(Op op) { return plans_[static_cast<std::size_t>(op)]; }
     std::deque<unsigned> xmu_p_results_;
     unsigned long long now_us_ = 1000000000, step_us_ = 1;
     std::atomic<unsigned> depth_{0};
     std::atomic<bool> stray_release_{false};
     bool reports_allowed_ = false;
+
+private:
+    template <typename T> T take(T &from)
+    {
+        const std::lock_guard guard(mutex_);
+        return std::exchange(from, {});
+    }
 };
 
 Recorder &recorder();
