@@ -17,9 +17,8 @@ constexpr TextPoolTrial::Platform kRecorded = {
             trace = recorder().take_trace();
             errors = recorder().take_errors();
             const std::string no_file = "Could not open '" + dump_file() + "' stats file\r\n";
-            for (std::size_t at = 0; (at = trace.find(no_file)) != std::string::npos;) {
+            for (std::size_t at = 0; (at = trace.find(no_file)) != std::string::npos;)
                 trace.erase(at, no_file.size());
-            }
         },
 };
 
@@ -49,14 +48,11 @@ TEST(text_pool_model, agrees_through_random_operations_on_one_to_four_buffers)
             ASSERT_TRUE(report.find("failed") == report.npos && report.find("ERROR") == report.npos) << report;
         }
         unsigned reasons[3] = {};
-        for (const auto &of_buffer : trial.model().counters().gcreason) {
-            for (int reason = 0; reason < 3; ++reason) {
+        for (const auto &of_buffer : trial.model().counters().gcreason)
+            for (int reason = 0; reason < 3; ++reason)
                 reasons[reason] += of_buffer[reason];
-            }
-        }
-        for (int reason = shape.buffers == 1 ? 1 : 0; reason < 3; ++reason) {  // one buffer cannot get out of balance
+        for (int reason = shape.buffers == 1 ? 1 : 0; reason < 3; ++reason)  // one buffer cannot get out of balance
             EXPECT_GT(reasons[reason], 0U) << shape.name << ": " << reason;
-        }
         EXPECT_NE(trial.model().counters().flags, 0U) << "no text was too large";
         EXPECT_NE(trial.model().descriptor().flags, 0U) << "the records never ran out";
     }

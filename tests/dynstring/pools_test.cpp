@@ -64,9 +64,8 @@ TEST(string_pool_creation, sizes_records_buffers_and_reserve)
         EXPECT_EQ(std::memcmp(&texts, &fresh, sizeof fresh), 0) << c.name;
         EXPECT_EQ(records.count_base, &texts.delcnt);
         EXPECT_EQ(records.spare_flag, &texts.gcrequest);
-        for (unsigned i = 0; i < c.real_buffers; ++i) {
+        for (unsigned i = 0; i < c.real_buffers; ++i)
             EXPECT_TRUE(std::all_of(texts.buf[i], texts.buf[i] + c.buffer_bytes, [](char byte) { return byte == 0; }));
-        }
     }
     const int before = control_blocks();
     EXPECT_EQ(dynstr_initpool2("none", 7, 83, 0), -1);

@@ -48,9 +48,8 @@ std::vector<std::pair<dynstr *, std::string>> no_strings()
     const auto add = [&all](auto *pointer, const std::string &text) {
         all.emplace_back(reinterpret_cast<dynstr *>(pointer), text);
     };
-    for (void *pointer : {forbidden, gone, static_cast<void *>(plain), reinterpret_cast<void *>(&no_strings)}) {
+    for (void *pointer : {forbidden, gone, static_cast<void *>(plain), reinterpret_cast<void *>(&no_strings)})
         add(pointer, none);
-    }
     for (std::uintptr_t bytes = 0; bytes <= 8; ++bytes) {
         add(reinterpret_cast<char *>(bytes), none);
         add(reinterpret_cast<char *>(good()) + bytes + 1, none);
@@ -138,9 +137,8 @@ TEST(string_calls, take_the_lock_under_their_tags_and_refuse_what_is_no_string)
     pointers.emplace_back(deleted, "*DELETED_DYNSTR*");
     for (const auto &call : calls) {
         check(call, record, true);
-        for (const auto &[pointer, stands_for] : pointers) {
+        for (const auto &[pointer, stands_for] : pointers)
             check(call, pointer, false);
-        }
     }
     pointers.emplace_back(record, "text");
     pointers.emplace_back(the_pool().make(), "");
@@ -185,9 +183,8 @@ TEST(string_calls, refuse_pools_that_are_no_string_pools)
     const auto other = static_cast<unsigned>(memm_initpool("", 1, 1, &options));
     for (const auto &call : calls) {
         check(call, strings, true);
-        for (const unsigned id : {0U, 1U, other, 9999U, UINT_MAX}) {
+        for (const unsigned id : {0U, 1U, other, 9999U, UINT_MAX})
             check(call, id, false);
-        }
     }
     const memm_pool &records = *memm_get_pool_nolock(strings);
     EXPECT_EQ(records.cur_count - the_pool().control().delcnt, 1) << "the spare one; failures give theirs back";
@@ -321,12 +318,10 @@ TEST(threads, keep_their_texts_in_one_pool)
         }
     };
     std::vector<std::thread> threads;
-    for (const char letter : {'a', 'b', 'c', 'd'}) {
+    for (const char letter : {'a', 'b', 'c', 'd'})
         threads.emplace_back(work, letter);
-    }
-    for (std::thread &thread : threads) {
+    for (std::thread &thread : threads)
         thread.join();
-    }
     EXPECT_GT(pool.control().gccnt, 0U);
     EXPECT_TRUE(pool.is_sound());
 }

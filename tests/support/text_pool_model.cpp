@@ -42,9 +42,8 @@ TextPoolModel::TextPoolModel(int poolid)
       texts_(*static_cast<memm::strings::TextPool *>(memm_getpoolcookie_bypoolid(static_cast<unsigned>(poolid)))),
       poolid_(poolid), records_(static_cast<std::size_t>(pool_.slot_count))
 {
-    for (std::string &bytes : bytes_) {
+    for (std::string &bytes : bytes_)
         bytes.assign(texts_.bufsize, '\0');
-    }
     at(0).in_use = true;  // the spare record
     first_free_ = 1;
     last_used_ = 0;
@@ -69,9 +68,8 @@ int TextPoolModel::take(bool reserve)
         path = MEMM_PATH_LAST_USED;
     } else {
         int i = first_free_;
-        for (; i <= limit && at(i).in_use; ++i) {
+        for (; i <= limit && at(i).in_use; ++i)
             ++pool_.scan_steps;
-        }
         if (i <= limit) {
             found = i;
             first_free_ = i + 1;
@@ -97,9 +95,8 @@ int TextPoolModel::allocate(bool with_gc)
         compact(kDepleted);
         found = take(false);
     }
-    if (found < 0) {
+    if (found < 0)
         deplete();
-    }
     return found;
 }
 
@@ -117,9 +114,8 @@ void TextPoolModel::free_slot(int i)
     --pool_.cur_count;
     ++pool_.free_count;
     first_free_ = std::min(first_free_, i);
-    while (last_used_ > 0 && !at(last_used_).in_use) {
+    while (last_used_ > 0 && !at(last_used_).in_use)
         --last_used_;
-    }
 }
 
 unsigned TextPoolModel::release(int i)
@@ -204,9 +200,8 @@ void TextPoolModel::compact(unsigned reason)
         r.size = 0;
         release(i);
     }
-    for (unsigned start = 0; const int i : kept) {
+    for (unsigned start = 0; const int i : kept)
         at(i).at = std::exchange(start, start + record(i).size);
-    }
     const unsigned bytes = texts_.used[b] - static_cast<unsigned>(left.size());
     texts_.used[b] -= bytes;
     texts_.usedbytes -= bytes;
@@ -235,9 +230,8 @@ int TextPoolModel::set_aside(int d)
         const unsigned refs = std::exchange(at(d).refs, 0);
         at(stand_by) = at(d);
         at(d) = {.in_use = true, .refs = refs};
-        for (auto &list : lists_) {
+        for (auto &list : lists_)
             std::replace(list.begin(), list.end(), d, stand_by);
-        }
     }
     return stand_by;
 }
@@ -250,9 +244,8 @@ unsigned TextPoolModel::place(int d, const std::string &text, std::uint64_t pred
         return kNoMemory;
     }
     if (outside) {
-        if (std::exchange(block_fails_, false)) {
+        if (std::exchange(block_fails_, false))
             return kNoMemory;
-        }
         unsigned attempts = 0;
         do {
             if (attempts++ == texts_.bufcnt) {
@@ -262,9 +255,8 @@ unsigned TextPoolModel::place(int d, const std::string &text, std::uint64_t pred
             compact(kBufferFull);
         } while (room() < predicted);
     }
-    if (predicted != text.size()) {
+    if (predicted != text.size())
         trace += "[DYNSTR] WARNING: loc_dynstr_updatepool fixed wrong predicted size\r\n";
-    }
     commit(d, text);
     return 0;
 }
@@ -285,12 +277,10 @@ void TextPoolModel::commit(int d, const std::string &text)
     texts_.usedbytes += r.size;
     raise(texts_.peakbytes, texts_.usedbytes - texts_.delbytes);
     raise(texts_.peak[b], texts_.used[b] - texts_.bufdelbytes[b]);
-    if (texts_.cnt[b] > texts_.balance_limit) {
+    if (texts_.cnt[b] > texts_.balance_limit)
         compact(kBalance);
-    }
-    if (texts_.gcrequest != 0) {
+    if (texts_.gcrequest != 0)
         compact(kDepleted);
-    }
 }
 
 unsigned TextPoolModel::finish(int d, int stand_by, unsigned code)
@@ -304,22 +294,18 @@ unsigned TextPoolModel::finish(int d, int stand_by, unsigned code)
 
 unsigned TextPoolModel::assign(int d, const Source &source, std::int64_t offset, std::int64_t length)
 {
-    if (!is_string(d) || !source.given || offset < 0) {
+    if (!is_string(d) || !source.given || offset < 0)
         return kInvalid;
-    }
     const int stand_by = set_aside(d);
-    if (stand_by < 0) {
+    if (stand_by < 0)
         return kNoMemory;
-    }
     const auto all = static_cast<std::int64_t>(source.text.size());
     const std::int64_t requested = length < 0 ? all - offset : length;
-    if (!source.has_text || offset > all || requested < 1) {
+    if (!source.has_text || offset > all || requested < 1)
         return finish(d, stand_by, 0);
-    }
     auto size = static_cast<std::uint64_t>(requested) + 1;
-    if (const unsigned max = record(stand_by).max; max != 0 && size > max) {
+    if (const unsigned max = record(stand_by).max; max != 0 && size > max)
         size = max;
-    }
     const std::string rest = source.text.substr(static_cast<std::size_t>(offset));
     const std::string text = rest.substr(0, static_cast<std::size_t>(size - 1)) + kZero;
     return finish(d, stand_by, place(d, text, size, size > room()));
@@ -327,12 +313,10 @@ unsigned TextPoolModel::assign(int d, const Source &source, std::int64_t offset,
 
 unsigned TextPoolModel::append(int d, const std::string &text, std::int64_t count)
 {
-    if (!is_string(d)) {
+    if (!is_string(d))
         return kInvalid;
-    }
-    if (text.empty() || count < 1) {
+    if (text.empty() || count < 1)
         return 0;
-    }
     const Record &r = record(d);
     const std::string old = this->text(d);
     std::int64_t added = count + 1, size = static_cast<std::int64_t>(old.size()) + added;
@@ -353,9 +337,8 @@ unsigned TextPoolModel::append(int d, const std::string &text, std::int64_t coun
         return 0;
     }
     const int stand_by = set_aside(d);
-    if (stand_by < 0) {
+    if (stand_by < 0)
         return kNoMemory;
-    }
     if (outside && std::exchange(block_fails_, false)) {  // the stand-by record stays for good
         at(d).literal = true;
         at(d).max = record(stand_by).max;
@@ -367,9 +350,8 @@ unsigned TextPoolModel::append(int d, const std::string &text, std::int64_t coun
 unsigned TextPoolModel::print(int d, const std::string &text)
 {
     const int stand_by = set_aside(d);
-    if (stand_by < 0) {
+    if (stand_by < 0)
         return kNoMemory;
-    }
     const unsigned max = record(stand_by).max;
     const std::string cut = (max == 0 ? text : text.substr(0, max - 1)) + kZero;
     return finish(d, stand_by, place(d, cut, cut.size(), cut.size() > room()));
@@ -378,9 +360,8 @@ unsigned TextPoolModel::print(int d, const std::string &text)
 unsigned TextPoolModel::limit(int d, unsigned max)
 {
     if (max != 0 && max < record(d).size) {
-        if (const unsigned code = assign(d, whole(d), 0, static_cast<int>(max) - 1); code != 0) {
+        if (const unsigned code = assign(d, whole(d), 0, static_cast<int>(max) - 1); code != 0)
             return code;
-        }
     }
     at(d).max = max < 2048 ? max : 0;
     return 0;
@@ -396,9 +377,8 @@ unsigned TextPoolModel::reset(int d)
 int TextPoolModel::create_empty(unsigned max)
 {
     const int d = allocate(true);
-    if (d >= 0) {
+    if (d >= 0)
         at(d).max = max < 2048 ? max : 0;
-    }
     return d;
 }
 
@@ -450,9 +430,8 @@ std::string TextPoolModel::records_difference() const
         const unsigned mask = in_buffer ? ~0U : ~(3U << 27);
         const char *str = in_buffer ? texts_.buf[r.buffer] + r.at : r.callers;
         if (reinterpret_cast<const unsigned *>(&real)[-1] != header ||
-            (r.in_use && ((real.info & mask) != info || real.str != str))) {
+            (r.in_use && ((real.info & mask) != info || real.str != str)))
             return "record " + std::to_string(i) + " '" + getstring(i) + "'";
-        }
     }
     return "";
 }
@@ -472,13 +451,11 @@ std::string TextPoolModel::difference() const
         for (std::size_t i = 0; i < list.size(); ++i) {
             const dynstr &real = *handle(list[i]);
             if (real.prev != handle(i == 0 ? -1 : list[i - 1]) ||
-                real.next != handle(i + 1 == list.size() ? -1 : list[i + 1])) {
+                real.next != handle(i + 1 == list.size() ? -1 : list[i + 1]))
                 return "record " + std::to_string(list[i]) + ": neighbours";
-            }
         }
-        if (std::memcmp(texts.buf[b], bytes_[b].data(), texts.bufsize) != 0) {
+        if (std::memcmp(texts.buf[b], bytes_[b].data(), texts.bufsize) != 0)
             return "bytes of buffer " + std::to_string(b);
-        }
     }
     const auto id = static_cast<unsigned>(poolid_);
     std::string found = words_differ("descriptor", pool, *memm_get_pool_nolock(id));
@@ -491,9 +468,8 @@ std::string TextPoolModel::difference() const
 
 unsigned TextPoolTrial::next()
 {
-    if (bytes_.empty()) {
+    if (bytes_.empty())
         return 0;
-    }
     const unsigned byte = bytes_.front();
     bytes_ = bytes_.subspan(1);
     return byte;
@@ -504,9 +480,8 @@ int TextPoolTrial::pick()
 {
     const unsigned byte = next();
     int i = static_cast<int>(byte % 64) % model_.slots();
-    for (int steps = 0; byte < 240 && steps < model_.slots() && !model_.record(i).in_use; ++steps) {
+    for (int steps = 0; byte < 240 && steps < model_.slots() && !model_.record(i).in_use; ++steps)
         i = (i + 1) % model_.slots();
-    }
     return i;
 }
 
@@ -514,9 +489,8 @@ int TextPoolTrial::pick()
 TextPoolTrial::Input TextPoolTrial::input()
 {
     const unsigned byte = next();
-    if (byte == 255) {
+    if (byte == 255)
         return {{}, nullptr};
-    }
     if (byte >= 200) {
         const int i = pick();
         const std::string text = model_.getstring(i);
@@ -540,16 +514,14 @@ int TextPoolTrial::number()
 
 void TextPoolTrial::expect(bool holds, const char *what)
 {
-    if (!holds && found_.empty()) {
+    if (!holds && found_.empty())
         found_ = what;
-    }
 }
 
 void TextPoolTrial::reported(bool really, const char *function, const char *message)
 {
-    if (really) {
+    if (really)
         model_.trace += std::string("[DYNSTR] ") + function + message + "\r\n";
-    }
 }
 
 // Every operation reads the same arguments, whether it needs them or not.
@@ -596,9 +568,8 @@ void TextPoolTrial::call(unsigned operation)
         reported(!good, "dynstr_sprintf: invalid dynstr passed");
         return same(dynstr_sprintf(to, "%s", printed), good ? model_.print(d, in.source.text) : kInvalid);
     case 13:
-        if (max >= 40 && model_.record(d).refs < 200) {
+        if (max >= 40 && model_.record(d).refs < 200)
             expect((dynstr_refalloc(to) == to) == model_.refer(d), "dynstr_refalloc");
-        }
         return;
     case 14:
         if (platform_.fail_next_outside_block != nullptr) {
@@ -648,9 +619,8 @@ std::string TextPoolTrial::run(std::span<const unsigned char> bytes)
         const unsigned operation = next() % 32;
         call(operation);
         std::string trace = model_.trace, errors = model_.errors;
-        if (platform_.take_reports != nullptr) {
+        if (platform_.take_reports != nullptr)
             platform_.take_reports(trace, errors);
-        }
         expect(trace == model_.trace && errors == model_.errors, "reports");
         const std::string difference = model_.difference();
         expect(difference.empty(), "state");
