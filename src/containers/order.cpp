@@ -16,43 +16,50 @@ bool goes_before(Node *placed, Node *ordered, llist_compare_fn compare) noexcept
 
 // --- sorting: the runs that are there, merged two by two ---
 
+// Takes the first node of `from` over to the end; false when that was the last one, and `other` follows.
+bool take(Node **&end, Node *&from, Node *other) noexcept
+{
+    *end = from;
+    end = &from->next;
+    from = *end;
+    if (from != nullptr) {
+        return true;
+    }
+    *end = other;
+    return false;
+}
+
 // Of two sorted chains, `newer` holds the objects that stood later.
 Node *merge(Node *older, Node *newer, llist_compare_fn compare) noexcept
 {
     Node *merged = nullptr;
     Node **end = &merged;
-    while (older != nullptr && newer != nullptr) {
-        Node *&next = goes_before(newer, older, compare) ? newer : older;
-        *end = next;
-        end = &next->next;
-        next = next->next;
+    while (goes_before(newer, older, compare) ? take(end, newer, older) : take(end, older, newer)) {
     }
-    *end = older != nullptr ? older : newer;
     return merged;
 }
 
-// Takes the longest run from the front of the chain, rising or falling, as a sorted chain.
+// Cuts the longest run, rising or falling, off the front of the chain, as a sorted chain.
 Node *take_run(Node *&chain, llist_compare_fn compare) noexcept
 {
-    Node *first = chain;
-    Node *last = first;
-    chain = first->next;
-    last->next = nullptr;
-    if (chain == nullptr) {
-        return first;
-    }
-    const bool falls = goes_before(chain, first, compare);
-    do {
-        Node *const node = std::exchange(chain, chain->next);
-        if (falls) {
-            node->next = first;
-            first = node;
-        } else {
-            node->next = nullptr;
-            last->next = node;
-            last = node;
+    Node *const first = chain;
+    Node *next = first->next;
+    if (next == nullptr || goes_before(next, first, compare)) {
+        Node *run = first;  // falling: reversed on the way
+        first->next = nullptr;
+        while (next != nullptr && (run == first || goes_before(next, run, compare))) {
+            run = std::exchange(next, std::exchange(next->next, run));
         }
-    } while (chain != nullptr && goes_before(chain, falls ? first : last, compare) == falls);
+        chain = next;
+        return run;
+    }
+    Node *last = first;
+    do {
+        last = next;
+        next = last->next;
+    } while (next != nullptr && !goes_before(next, last, compare));
+    last->next = nullptr;
+    chain = next;
     return first;
 }
 
@@ -70,10 +77,17 @@ Node *sort(Node *chain, llist_compare_fn compare) noexcept
         places[place] = run;
     }
     Node *sorted = nullptr;
-    for (Node *older : places) {
-        sorted = older == nullptr ? sorted : merge(older, sorted, compare);
+    for (Node *const older : places) {
+        if (older != nullptr) {
+            sorted = sorted == nullptr ? older : merge(older, sorted, compare);
+        }
     }
     return sorted;
+}
+
+bool counts_two(const Node *list) noexcept
+{
+    return list != nullptr && list->obj != nullptr && list->next != nullptr && list->next->obj != nullptr;
 }
 
 Result sort_list(Node **plist, llist_compare_fn compare) noexcept
@@ -81,7 +95,7 @@ Result sort_list(Node **plist, llist_compare_fn compare) noexcept
     if (!is_list(plist)) {
         return Result::invalid;
     }
-    if (length(*plist) >= 2) {
+    if (counts_two(*plist)) {
         *plist = sort(*plist, compare);
     }
     return Result::ok;
