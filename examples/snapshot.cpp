@@ -5,9 +5,11 @@
 //     snapshot/processes.h  every process as an object, shared by reference between two indexes
 //     snapshot/texts.h      command lines and mount points as strings; buffers that are compacted
 //     snapshot/values.h     addresses, numbers, a date and a digest as strings, read back as values
+//     snapshot/bytes.h      raw files and link-layer addresses as data buffers in one packed area
 //
 // With --serve it stays alive between picture and end: SIGUSR1 and SIGUSR2 from another terminal then have the library
 // write its files, SIGINT or SIGTERM end it.
+#include "snapshot/bytes.h"
 #include "snapshot/journal.h"
 #include "snapshot/processes.h"
 #include "snapshot/texts.h"
@@ -41,8 +43,8 @@ void serve()
 int objects_left()
 {
     int left = 0;
-    for (const unsigned pool : {journal::pool, processes::pool, processes::by_pid.pool, processes::by_memory.pool,
-                                texts::mounts, values::facts}) {
+    for (const unsigned pool : {bytes::pool, journal::pool, processes::pool, processes::by_pid.pool,
+                                processes::by_memory.pool, texts::mounts, values::facts}) {
         left += memm_get_pool_nolock(pool)->cur_count;
     }
     return left;
@@ -60,6 +62,7 @@ int main(int argc, char **argv)
     texts::open();
     processes::open();
     values::open();
+    bytes::open();
 
     title("processes");
     processes::take_picture();
@@ -76,6 +79,10 @@ int main(int argc, char **argv)
     values::remember();
     values::show();
 
+    title("bytes");
+    bytes::remember();
+    bytes::look_again();
+
     title("journal");
     journal::show();
 
@@ -88,6 +95,7 @@ int main(int argc, char **argv)
     }
 
     title("everything is given back");
+    bytes::forget();
     values::forget();
     texts::forget_mounts();
     processes::forget();
