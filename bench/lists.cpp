@@ -224,10 +224,16 @@ template <class Walk> void add_walk(const char *name, std::size_t count, Walk wa
 
 // ---- splitting and joining: per item ----
 
-int string_pool()
+// A pool for each size of job, with room for several of its lists.
+int string_pool(std::size_t count)
 {
-    static const int id = id_or_exit(dynstr_initpool2("items", 400'000, 24'000'000, 2));
-    return id;
+    static std::map<std::size_t, int> pools;
+    const auto [place, is_new] = pools.try_emplace(count, 0);
+    if (is_new) {
+        place->second =
+            id_or_exit(dynstr_initpool2("", static_cast<int>(8 * count), static_cast<unsigned>(400 * count), 2));
+    }
+    return place->second;
 }
 
 const std::string &text_of(std::size_t count)
@@ -248,7 +254,7 @@ dynstr *string_of(std::size_t count)
     static std::map<std::size_t, dynstr *> strings;
     dynstr *&string = strings[count];
     if (string == nullptr) {
-        string = dynstr_fromstring(static_cast<unsigned>(string_pool()), text_of(count).c_str());
+        string = dynstr_fromstring(static_cast<unsigned>(string_pool(count)), text_of(count).c_str());
     }
     return string;
 }
@@ -274,7 +280,7 @@ bool release_all(strlist *list, std::size_t count)
 
 bool split_text(std::size_t count)
 {
-    return release_all(strlist_fromstring(text_of(count).c_str(), ",", node_pool(), string_pool()), count);
+    return release_all(strlist_fromstring(text_of(count).c_str(), ",", node_pool(), string_pool(count)), count);
 }
 
 bool split_string(std::size_t count)
@@ -309,9 +315,9 @@ void add_join(std::size_t count)
 {
     const std::string job = job_name("join, per item: " + with_commas(count) + " items");
     set_goals(job, {{"g_strjoinv", 0.8}});
-    strlist *const list = strlist_fromstring(text_of(count).c_str(), ",", node_pool(), string_pool());
+    strlist *const list = strlist_fromstring(text_of(count).c_str(), ",", node_pool(), string_pool(count));
     add_per_item(job, "ours", count, [list](std::size_t items) {
-        dynstr *const text = dynstr_fromstrlist(static_cast<unsigned>(string_pool()), list, ",");
+        dynstr *const text = dynstr_fromstrlist(static_cast<unsigned>(string_pool(items)), list, ",");
         const bool complete = dynstr_strlen(text) == text_of(items).size();
         return memm_free(text) == 0 && complete;
     });

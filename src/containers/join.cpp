@@ -26,19 +26,44 @@ struct Join {
 // Deliberate: a longer separator cannot be escaped.
 char usable_escape(std::string_view separator, char escape) noexcept { return separator.size() <= 1 ? escape : '\0'; }
 
-bool holds_only_strings(const Node *list) noexcept
-{
-    for (; list != nullptr; list = list->next) {
-        if (!strings::is_string(list->obj)) {
+// Tells strings from other objects. Most items lie in the same pool as the one before.
+class StringTest {
+    PoolAid known_;  // a copy: what it needs stays in registers
+    std::uintptr_t first_ = 1;
+    std::uintptr_t beyond_ = 0;
+
+    bool is_in_known_pool(const void *item) const noexcept
+    {
+        const auto slot = reinterpret_cast<std::uintptr_t>(item) - kHeaderBytes;
+        return slot - first_ < beyond_ && known_.slot_size.divides(static_cast<u32>(slot - first_)) &&
+               ObjectHeader::of_slot(reinterpret_cast<const unsigned char *>(slot)).pool() == known_.id;
+    }
+    [[gnu::noinline]] bool is_in_another_pool(const void *item) noexcept
+    {
+        if (!strings::is_string(item)) {
             return false;
         }
+        known_ = *owner_of(item);
+        first_ = reinterpret_cast<std::uintptr_t>(known_.pool->slots);
+        beyond_ = reinterpret_cast<std::uintptr_t>(known_.pool->last_item) - first_ + 1;
+        return true;
     }
-    return true;
-}
+
+public:
+    bool is_string(const void *item) noexcept
+    {
+        return is_in_known_pool(item) ? !strings::info_of(*static_cast<const dynstr *>(item)).is_deleted()
+                                      : is_in_another_pool(item);
+    }
+};
 
 std::string_view text_of(const Node &node) noexcept
 {
-    const strings::Source source = strings::whole_text(*static_cast<const dynstr *>(node.obj));
+    const auto &record = *static_cast<const dynstr *>(node.obj);
+    if (strings::is_in_buffer(record)) [[likely]] {
+        return {record.str, strings::length_of(record)};
+    }
+    const strings::Source source = strings::whole_text(record);
     return {source.text == nullptr ? "" : source.text, source.length};
 }
 
@@ -53,59 +78,116 @@ u64 size_escaped(const Join &join, std::string_view text) noexcept
     return size;
 }
 
-char *write(char *to, std::string_view text) noexcept
+struct Measure {
+    bool only_strings = true;     // all items of the list, also those that are left out
+    const Node *first = nullptr;  // of those that are joined
+    int count = 0;
+    u64 size = 0;  // without a terminating zero
+};
+
+Measure measure(const Join &join) noexcept
 {
-    std::memcpy(to, text.data(), text.size());
-    return to + text.size();
+    Measure result;
+    StringTest test;
+    int index = 0;
+    for (const Node *node = join.list; node != nullptr; node = node->next, ++index) {
+        if (!test.is_string(node->obj)) {
+            result.only_strings = false;
+            return result;
+        }
+        if (index >= join.first && index < join.last) {
+            result.first = result.count++ == 0 ? node : result.first;
+            result.size += size_escaped(join, text_of(*node));
+        }
+    }
+    if (result.count > 1) {
+        result.size += join.separator.size() * static_cast<u64>(result.count - 1);
+    }
+    return result;
 }
 
-char *write_escaped(char *to, const Join &join, std::string_view text) noexcept
+// Room for a text that is written piece by piece. Short pieces of the pool's own texts are copied with what stands
+// behind them, which is cheaper than to look at their length; the next piece overwrites that.
+class Writer {
+    static constexpr std::size_t kShort = 32;
+
+    const strings::TextPool &pool_;
+    char *to_;
+    char *const end_;
+
+    bool may_read_on(const dynstr &record) const noexcept
+    {
+        const u32 buffer = strings::info_of(record).buffer();
+        const auto at = reinterpret_cast<std::uintptr_t>(record.str);
+        const auto first = reinterpret_cast<std::uintptr_t>(pool_.buf[buffer]);
+        return at >= first && at + kShort <= first + pool_.used[buffer];
+    }
+
+public:
+    Writer(const strings::TextPool &pool, char *room, u64 size) noexcept : pool_(pool), to_(room), end_(room + size) {}
+
+    void put(char character) noexcept { *to_++ = character; }
+    void put(std::string_view text) noexcept
+    {
+        std::memcpy(to_, text.data(), text.size());
+        to_ += text.size();
+    }
+    void put_item(const Node &node) noexcept
+    {
+        const std::string_view text = text_of(node);
+        if (text.size() <= kShort && static_cast<std::size_t>(end_ - to_) >= kShort &&
+            may_read_on(*static_cast<const dynstr *>(node.obj))) [[likely]] {
+            std::memcpy(to_, text.data(), kShort);
+            to_ += text.size();
+        } else {
+            put(text);
+        }
+    }
+};
+
+void write_item(const Join &join, const Node &node, Writer &writer) noexcept
 {
     if (join.escape == '\0') {
-        return write(to, text);
+        writer.put_item(node);
+        return;
     }
-    for (const char character : text) {
+    for (const char character : text_of(node)) {
         if (join.escapes(character)) {
-            *to++ = join.escape;
+            writer.put(join.escape);
         }
-        *to++ = character;
+        writer.put(character);
     }
-    return to;
 }
 
-// Calls separator() and item(text) in the order in which they stand; answers how many items there were.
-template <typename Separator, typename Item>
-int for_each_piece(const Join &join, Separator separator, Item item) noexcept
+void write(const Join &join, const Measure &measured, Writer &writer) noexcept
 {
-    int index = 0;
-    int joined = 0;
-    for (const Node *node = join.list; node != nullptr && index < join.last; node = node->next, ++index) {
-        if (index >= join.first) {
-            if (joined++ > 0) {
-                separator();
-            }
-            item(text_of(*node));
+    const Node *node = measured.first;
+    write_item(join, *node, writer);
+    for (int left = measured.count - 1; left > 0; --left) {
+        node = node->next;
+        if (join.separator.size() == 1) [[likely]] {
+            writer.put(join.separator.front());
+        } else {
+            writer.put(join.separator);
         }
+        write_item(join, *node, writer);
     }
-    return joined;
 }
 
 // Measured once and written once, into room of the exact size. No item makes no text; empty items make an empty one.
 Result fill(Held held, strings::TextPool &pool, dynstr &string, const Join &join) noexcept
 {
-    if (!holds_only_strings(join.list)) {
+    const Measure measured = measure(join);
+    if (!measured.only_strings) {
         return Result::invalid;
     }
-    u64 size = 1;
-    const int joined = for_each_piece(
-        join, [&] { size += join.separator.size(); }, [&](std::string_view text) { size += size_escaped(join, text); });
     strings::Rewrite rewrite(held, pool, string);  // of a new string: there is no old text to set aside
-    char *room = joined == 0 ? nullptr : rewrite.make_room(size, size);
+    const u64 size = measured.size + 1;
+    char *const room = measured.count == 0 ? nullptr : rewrite.make_room(size, size);
     if (room != nullptr) {
-        for_each_piece(
-            join, [&] { room = write(room, join.separator); },
-            [&](std::string_view text) { room = write_escaped(room, join, text); });
-        *room = '\0';
+        Writer writer(pool, room, size);
+        write(join, measured, writer);
+        writer.put('\0');
         rewrite.wrote(static_cast<u32>(size), static_cast<u32>(size));
     }
     return rewrite.finish();

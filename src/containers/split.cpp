@@ -26,17 +26,34 @@ dynstr *make_item(Held held, int strpool, const strings::Source &source, std::si
     return item;
 }
 
+// A separator, at least one character long.
+class Separator {
+    const char *text_;
+    std::size_t length_;
+
+public:
+    explicit Separator(const char *text) noexcept : text_(text), length_(std::strlen(text)) {}
+    std::size_t length() const noexcept { return length_; }
+
+    // The next one from here on; null when there is none before the end, where the text has its zero.
+    const char *find(const char *from, const char *end) const noexcept
+    {
+        if (length_ == 1) {
+            return static_cast<const char *>(std::memchr(from, *text_, static_cast<std::size_t>(end - from)));
+        }
+        return std::strstr(from, text_);
+    }
+};
+
 // Deliberate: an item is cut at its separator by a limit on its size. Where no record can hold the limit, the item
 // keeps the whole rest of the text, and the split goes on behind its separator all the same.
-Node *split(Held held, const char *text, const char *separator, int poolid, int strpool) noexcept
+Node *split(Held held, const char *text, const Separator &separator, int poolid, int strpool) noexcept
 {
     StringListBuilder items(held, poolid);
-    const std::size_t step = std::strlen(separator);
     const char *const end = text + std::strlen(text);
-    for (const char *found = std::strstr(text, separator); found != nullptr; found = std::strstr(text, separator)) {
+    for (const char *found; (found = separator.find(text, end)) != nullptr; text = found + separator.length()) {
         const strings::Source rest{strings::Source::Kind::text, text, static_cast<std::size_t>(end - text)};
         items.add(make_item(held, strpool, rest, static_cast<std::size_t>(found - text) + 1));
-        text = found + step;
     }
     items.add(strings::create_from_text(held, PoolId{static_cast<u32>(strpool)}, text));
     return items.list();
@@ -76,19 +93,32 @@ Node *split_escaped(Held held, char *text, char separator, char escape, int pool
     return items.list();
 }
 
-// The text may move whenever an item is made: only the place in it is kept.
-Node *split_string(Held held, const dynstr *string, const char *separator, int poolid) noexcept
+// The first item of what is left of a string's text, in the same pool. Making its record may move the text.
+dynstr *make_part(Held held, strings::TextPool &pool, const dynstr &whole, int offset, int length) noexcept
+{
+    return strings::create_with(held, allocate(held, PoolId{pool.poolid}), [&](dynstr &item) {
+        return strings::assign(held, pool, item, strings::whole_text(whole), offset, length);
+    });
+}
+
+// Only the place in the text is kept from item to item, for it moves. What is no string has a text that says so, of
+// which every attempt to make an item is reported.
+Node *split_string(Held held, const dynstr *string, const Separator &separator, int poolid) noexcept
 {
     StringListBuilder items(held, poolid);
-    const std::size_t step = std::strlen(separator);
+    strings::TextPool *const pool = strings::changeable(string);
     std::size_t offset = 0;
     for (bool more = true; more;) {
-        const char *const text = strings::text_of(string) + offset;
-        const char *const found = std::strstr(text, separator);
+        const strings::Source source =
+            pool != nullptr ? strings::whole_text(*string) : strings::text_given(strings::text_of(string));
+        const char *const text = source.text == nullptr ? "" : source.text + offset;
+        const char *const found = separator.find(text, text + (source.length - offset));
         more = found != nullptr;
-        const std::size_t length = more ? static_cast<std::size_t>(found - text) : 0;
-        items.add(strings::copy_part(held, string, static_cast<int>(offset), more ? static_cast<int>(length) : -1));
-        offset += length + step;
+        const auto length = more ? static_cast<std::size_t>(found - text) : 0;
+        const int taken = more ? static_cast<int>(length) : -1;
+        items.add(pool != nullptr ? make_part(held, *pool, *string, static_cast<int>(offset), taken)
+                                  : strings::copy_part(held, string, static_cast<int>(offset), taken));
+        offset += length + separator.length();
     }
     return items.list();
 }
@@ -114,7 +144,8 @@ extern "C" {
 strlist *strlist_fromstring(const char *text, const char *separator, int poolid, int strpool)
 {
     const ManagerLock lock("strlist_fromstring");
-    return text == nullptr || is_empty(separator) ? nullptr : split(lock.held(), text, separator, poolid, strpool);
+    return text == nullptr || is_empty(separator) ? nullptr
+                                                  : split(lock.held(), text, Separator(separator), poolid, strpool);
 }
 
 strlist *strlist_fromstring_escaped(char *text, char separator, char escape, int poolid, int strpool)
@@ -126,7 +157,8 @@ strlist *strlist_fromstring_escaped(char *text, char separator, char escape, int
 strlist *strlist_fromdynstr(dynstr *string, const char *separator, int poolid)
 {
     const ManagerLock lock("strlist_fromdynstr");
-    return string == nullptr || is_empty(separator) ? nullptr : split_string(lock.held(), string, separator, poolid);
+    return string == nullptr || is_empty(separator) ? nullptr
+                                                    : split_string(lock.held(), string, Separator(separator), poolid);
 }
 
 strlist *strlist_fromstringarr(const char *const *array, int poolid, int strpool)
