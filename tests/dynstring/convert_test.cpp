@@ -268,8 +268,9 @@ TEST(writers, do_what_formatted_output_does)
     auto *const bad = reinterpret_cast<dynstr *>(8);
     int failures = 0;
     for (int round = scaled(20000); round > 0; --round) {
-        const auto &[expected, set, create] = kWriters[random() % std::size(kWriters)];
-        auto &[a, b] = strings[random() % std::size(strings)];
+        const Writer &writer = kWriters[random() % std::size(kWriters)];
+        auto &pair = strings[random() % std::size(strings)];
+        dynstr *&a = pair.first, *&b = pair.second;
         const unsigned max = static_cast<unsigned>(random() % 30), refused_block = random() % 8 == 0 ? 1 : 0;
         const auto seen = [&](auto call) {
             recorder().forget();
@@ -278,19 +279,19 @@ TEST(writers, do_what_formatted_output_does)
             recorder().fail_never();
             return std::tuple(result, recorder().take_tags(), recorder().take_trace());
         };
-        if (create != nullptr && (a == nullptr || random() % 4 == 0)) {
+        if (writer.create != nullptr && (a == nullptr || random() % 4 == 0)) {
             EXPECT_EQ(memm_free(a) + memm_free(b), 0);
             const bool none = random() % 8 == 0;
-            const auto wrote = seen([&] { return (a = create(none ? 0 : values.id())) != nullptr; });
+            const auto wrote = seen([&] { return (a = writer.create(none ? 0 : values.id())) != nullptr; });
             const auto printed = [&] {
-                return (b = dynstr_fromprintf(none ? 0 : formats.id(), "%s", expected)) != nullptr;
+                return (b = dynstr_fromprintf(none ? 0 : formats.id(), "%s", writer.expected)) != nullptr;
             };
             ASSERT_EQ(wrote, seen(printed));
         } else {
             const bool is_bad = a != nullptr && random() % 16 == 0;
             ASSERT_EQ(dynstr_setmaxsize(a, max), dynstr_setmaxsize(b, max));
-            const auto wrote = seen([&] { return set(is_bad ? bad : a); });
-            ASSERT_EQ(wrote, seen([&] { return dynstr_sprintf(is_bad ? bad : b, "%s", expected); }));
+            const auto wrote = seen([&] { return writer.set(is_bad ? bad : a); });
+            ASSERT_EQ(wrote, seen([&] { return dynstr_sprintf(is_bad ? bad : b, "%s", writer.expected); }));
             failures += std::get<0>(wrote) == MEMM_E_NO_MEMORY ? 1 : 0;
         }
         ASSERT_STREQ(dynstr_getstring(a), dynstr_getstring(b));
