@@ -1,6 +1,7 @@
 #include "containers/strings.h"
 #include "dynstring/place.h"
 
+#include <climits>
 #include <cstring>
 #include <string_view>
 
@@ -57,14 +58,17 @@ public:
     }
 };
 
-std::string_view text_of(const Node &node) noexcept
+[[gnu::noinline]] std::string_view text_elsewhere(const dynstr &record) noexcept
 {
-    const auto &record = *static_cast<const dynstr *>(node.obj);
-    if (strings::is_in_buffer(record)) [[likely]] {
-        return {record.str, strings::length_of(record)};
-    }
     const strings::Source source = strings::whole_text(record);
     return {source.text == nullptr ? "" : source.text, source.length};
+}
+
+[[gnu::always_inline]] inline std::string_view text_of(const Node &node) noexcept
+{
+    const auto &record = *static_cast<const dynstr *>(node.obj);
+    return strings::is_in_buffer(record) ? std::string_view(record.str, strings::info_of(record).size() - 1)
+                                         : text_elsewhere(record);
 }
 
 u64 size_escaped(const Join &join, std::string_view text) noexcept
@@ -216,7 +220,8 @@ bool is_string_pool(unsigned strpool, const char *function) noexcept
 
 std::string_view separator_given(const char *separator) noexcept { return separator == nullptr ? "" : separator; }
 
-int counted(const Node *list) noexcept { return is_node(list) ? length(list) : 0; }
+// The end of the list: only strings are joined, so that there is no node before that ends it for counting.
+constexpr int kAll = INT_MAX;
 
 }  // namespace
 
@@ -233,7 +238,7 @@ dynstr *dynstr_fromstrlist(unsigned strpool, llist *list, const char *separator)
         return nullptr;
     }
     const ManagerLock lock("dynstr_fromstrlist");
-    return join(lock.held(), strpool, {list, separator_given(separator), '\0', 0, counted(list)});
+    return join(lock.held(), strpool, {list, separator_given(separator), '\0', 0, kAll});
 }
 
 dynstr *dynstr_frompartialstrlist(unsigned strpool, llist *list, const char *separator, int first, int last)
@@ -252,7 +257,7 @@ dynstr *dynstr_fromstrlist_escaped(unsigned strpool, llist *list, const char *se
     }
     const ManagerLock lock("dynstr_fromstrlist_escaped");
     const std::string_view text = separator_given(separator);
-    return join(lock.held(), strpool, {list, text, usable_escape(text, escape), 0, counted(list)});
+    return join(lock.held(), strpool, {list, text, usable_escape(text, escape), 0, kAll});
 }
 
 void _dynstr_ex_fromstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, const char *file,
