@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -11,7 +12,6 @@
 #include <iterator>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 FileFaults file_faults;
@@ -24,29 +24,24 @@ std::atomic<int> dump_file{-1};
 unsigned writes;
 std::size_t written_bytes;
 
-constexpr const char *kDiverted[] = {"/etc/config/", "/tmp/memm_dump_", "/var/tmp/memm_"};
-
 struct RealPath {
-    char text[256];
+    char text[256] = "";
     bool is_diverted = false;
 
     explicit RealPath(const char *name)
     {
-        for (const char *prefix : kDiverted) {
+        for (const char *prefix : {"/etc/config/", "/tmp/memm_dump_", "/var/tmp/memm_"})
             is_diverted = is_diverted || (*folder != '\0' && std::strncmp(name, prefix, std::strlen(prefix)) == 0);
-        }
         const std::size_t lead = is_diverted ? std::strlen(folder) : 0;
         std::memcpy(text, folder, lead);
         std::strncpy(text + lead, name, sizeof text - lead - 1);
-        text[sizeof text - 1] = '\0';
     }
 };
 
 bool fails(int file, int error)
 {
-    if (file != dump_file || error == 0) {
+    if (file != dump_file || error == 0)
         return false;
-    }
     errno = error;
     return true;
 }
@@ -55,15 +50,14 @@ bool fails(int file, int error)
 
 OwnFolder::OwnFolder()
 {
-    char name[32] = "/dev/shm/memm_test_XXXXXX";  // in memory: a disk may take milliseconds for a file
-    if (access("/dev/shm", W_OK) != 0) {
-        std::strcpy(name, "/tmp/memm_test_XXXXXX");
-    }
-    for (const char *part : {"", "/etc/config", "/tmp", "/var/tmp"}) {
-        std::filesystem::create_directories((*part == '\0' ? mkdtemp(name) : name) + std::string(part));
-    }
+    // In memory where that can be: a disk may take milliseconds for a file.
+    std::string name = (access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + std::string("/memm_test_XXXXXX");
+    if (mkdtemp(name.data()) == nullptr)
+        std::abort();
+    for (const char *part : {"/etc/config", "/tmp", "/var/tmp"})
+        std::filesystem::create_directories(name + part);
     std::filesystem::permissions(name, std::filesystem::perms(0755));
-    std::strcpy(folder, name);
+    std::strcpy(folder, name.c_str());
 }
 
 OwnFolder::~OwnFolder()
@@ -74,8 +68,8 @@ OwnFolder::~OwnFolder()
 }
 
 std::string OwnFolder::path(const std::string &name) const { return folder + name; }
-std::string OwnFolder::usage_path() const { return usage_path(getpid()); }
-std::string OwnFolder::contents_path() const { return contents_path(getpid()); }
+std::string OwnFolder::usage_path(int pid) const { return path("/var/tmp/memm_" + std::to_string(pid)); }
+std::string OwnFolder::contents_path(int pid) const { return path("/tmp/memm_dump_" + std::to_string(pid)); }
 void OwnFolder::order(const std::string &lines) const { write_file(path("/etc/config/memm_dump_pools"), lines); }
 
 std::string content_of(const std::string &path)
@@ -119,27 +113,21 @@ int fstat(int file, struct stat *status) noexcept
 
 int ftruncate(int file, off_t length) noexcept
 {
-    const std::string by_number = "/proc/self/fd/" + std::to_string(file);
-    return fails(file, file_faults.ftruncate_error) ? -1 : truncate(by_number.c_str(), length);
+    char name[32] = "/proc/self/fd/";
+    *std::to_chars(name + std::strlen(name), name + sizeof name, file).ptr = '\0';
+    return fails(file, file_faults.ftruncate_error) ? -1 : truncate(name, length);
 }
 
 ssize_t write(int file, const void *bytes, size_t count)
 {
     if (file == dump_file) {
-        if (file_faults.interrupt_every != 0 && ++writes % file_faults.interrupt_every == 0) {
-            errno = EINTR;
+        if (file_faults.interrupt_every != 0 && ++writes % file_faults.interrupt_every == 0)
+            return fails(file, EINTR), -1;
+        if (written_bytes >= file_faults.room && fails(file, file_faults.write_error))
             return -1;
-        }
-        if (file_faults.write_error != 0) {
-            if (written_bytes >= file_faults.room) {
-                errno = file_faults.write_error;
-                return -1;
-            }
+        if (file_faults.write_error != 0)
             count = std::min(count, file_faults.room - written_bytes);
-        }
-        if (file_faults.write_most != 0) {
-            count = std::min(count, file_faults.write_most);
-        }
+        count = std::min(count, file_faults.write_most);
         written_bytes += count;
     }
     return syscall(SYS_write, file, bytes, count);
@@ -148,12 +136,9 @@ ssize_t write(int file, const void *bytes, size_t count)
 int close(int file)
 {
     const bool failing = fails(file, file_faults.close_error);
-    const int error = errno;
-    if (file == dump_file) {
-        dump_file = -1;
-    }
+    int expected = file;
+    dump_file.compare_exchange_strong(expected, -1);
     const auto result = static_cast<int>(syscall(SYS_close, file));
-    errno = failing ? error : errno;
     return failing ? -1 : result;
 }
 }

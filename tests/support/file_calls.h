@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstddef>
 #include <string>
+#include <unistd.h>
 
 // Stands between the library and the files that it names: /etc/config/*, /tmp/memm_dump_* and /var/tmp/memm_* lead into
 // a folder of the test's own while there is one, and calls on the dump file fail on demand. Usable in a handler.
@@ -13,24 +14,21 @@ public:
     OwnFolder(const OwnFolder &) = delete;
     OwnFolder &operator=(const OwnFolder &) = delete;
 
-    // Where the library's file of this name really is.
-    std::string path(const std::string &name) const;
-    std::string usage_path(int pid) const { return path("/var/tmp/memm_" + std::to_string(pid)); }
-    std::string contents_path(int pid) const { return path("/tmp/memm_dump_" + std::to_string(pid)); }
-    std::string usage_path() const;  // of this process
-    std::string contents_path() const;
+    std::string path(const std::string &name) const;  // where the library's file of this name really is
+    std::string usage_path(int pid = getpid()) const;
+    std::string contents_path(int pid = getpid()) const;
     void order(const std::string &lines) const;  // writes /etc/config/memm_dump_pools
 };
 
 std::string content_of(const std::string &path);  // "-" when there is no such file
 void write_file(const std::string &path, const std::string &content);
 
-// What calls on the dump file that is being written do; 0: nothing special. Errors are values of errno.
+// What calls on the dump file that is being written do. Errors are values of errno; 0: none.
 struct FileFaults {
     int fstat_error = 0, ftruncate_error = 0, close_error = 0, write_error = 0;
-    std::size_t write_most = 0;    // bytes that one write takes
-    std::size_t room = 0;          // bytes written before write_error comes
-    unsigned interrupt_every = 0;  // every n-th write is interrupted
+    std::size_t write_most = static_cast<std::size_t>(-1);  // bytes that one write takes
+    std::size_t room = 0;                                   // bytes written before write_error comes
+    unsigned interrupt_every = 0;                           // every n-th write is interrupted
 };
 extern FileFaults file_faults;
 extern std::atomic<unsigned> dumps_opened;  // how often a dump file was opened for writing
