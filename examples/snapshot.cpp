@@ -6,11 +6,13 @@
 //     snapshot/texts.h      command lines and mount points as strings; buffers that are compacted
 //     snapshot/values.h     addresses, numbers, a date and a digest as strings, read back as values
 //     snapshot/bytes.h      raw files and link-layer addresses as data buffers in one packed area
+//     snapshot/lists.h      memory as pairs, mount options as strings, process groups as lists of shared processes
 //
 // With --serve it stays alive between picture and end: SIGUSR1 and SIGUSR2 from another terminal then have the library
 // write its files, SIGINT or SIGTERM end it.
 #include "snapshot/bytes.h"
 #include "snapshot/journal.h"
+#include "snapshot/lists.h"
 #include "snapshot/processes.h"
 #include "snapshot/texts.h"
 #include "snapshot/values.h"
@@ -43,8 +45,9 @@ void serve()
 int objects_left()
 {
     int left = 0;
-    for (const unsigned pool : {bytes::pool, journal::pool, processes::pool, processes::by_pid.pool,
-                                processes::by_memory.pool, texts::mounts, values::facts}) {
+    for (const unsigned pool :
+         {bytes::pool, journal::pool, processes::pool, processes::by_pid.pool, processes::by_memory.pool, texts::mounts,
+          values::facts, lists::groups, static_cast<unsigned>(lists::nodes)}) {
         left += memm_get_pool_nolock(pool)->cur_count;
     }
     return left;
@@ -55,7 +58,7 @@ int objects_left()
 int main(int argc, char **argv)
 {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);  // the library writes its reports past stdio
-    if (memm_init(16, 4) != MEMM_OK) {
+    if (memm_init(24, 8) != MEMM_OK) {
         return 1;
     }
     journal::open();
@@ -63,6 +66,7 @@ int main(int argc, char **argv)
     processes::open();
     values::open();
     bytes::open();
+    lists::open(20'000);
 
     title("processes");
     processes::take_picture();
@@ -83,6 +87,14 @@ int main(int argc, char **argv)
     bytes::remember();
     bytes::look_again();
 
+    title("lists");
+    lists::remember_memory();
+    lists::show_memory();
+    lists::remember_options();
+    lists::show_options();
+    lists::group_processes();
+    lists::show_groups();
+
     title("journal");
     journal::show();
 
@@ -95,6 +107,7 @@ int main(int argc, char **argv)
     }
 
     title("everything is given back");
+    lists::forget();
     bytes::forget();
     values::forget();
     texts::forget_mounts();

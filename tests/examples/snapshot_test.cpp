@@ -97,6 +97,10 @@ TEST(snapshot, shows_the_machine_and_gives_everything_back)
              "\n[0-9]+ facts, 0 differ",
              "\nauxv: [1-9][0-9]* bytes, the same again\ncpuinfo: [1-9][0-9]* bytes, (the same again|others now)\n",
              "\naddresses twice: [1-9][0-9]* bytes, the same again\n0 appends found no room\n",
+             "\n[0-9]+ lines about memory\nMemTotal is [1-9][0-9]* kB\n",
+             "\nNoSuchThing is \\*NOT_MEMMSTR\\*\n",
+             "\n[1-9][0-9]* options of a mount point: [a-z].*\nescaped and split again: the same\n",
+             "\n[0-9]+ process groups; the largest is [0-9]+: [1-9][0-9]* processes, [0-9]+ kB\n",
              "journal\\.+usage cur/max/avail \\(max\\.%\\): [78]/[78]/8 ",
              " - [0-9]+: picture of [0-9]+ processes\r\n",
              "\n texts  +[^\n]*\n  - 2 buffers  +gc cnt: +[1-9][0-9]* ",
@@ -128,7 +132,7 @@ TEST(snapshot, answers_signals_while_it_serves)
 
 TEST(small_examples, run)
 {
-    for (const char *name : {"pools", "locks", "strings", "data"}) {
+    for (const char *name : {"pools", "locks", "strings", "lists", "data"}) {
         Example example(name);
         example.read_until(nullptr);
         EXPECT_EQ(example.exit_status(), 0) << name;
