@@ -81,8 +81,8 @@ unsigned strlist_setstring_at(strlist *list, const char *text, int index);
 strlist *strlist_fromstring(const char *text, const char *separator, int poolid, int strpool);
 /** Splits at every separator that has no escape character before it, and takes the escape characters out; the text is
  *  changed. Nothing ends the text where it has become shorter: after escapes the last item keeps the characters that
- *  stood there, "a\,b,c" is "a,b" and "cc". "" is the empty list. An escape character at the end of the text counts for
- *  nothing. */
+ *  stood there, and more items may follow: "a\,b,c" is "a,b" and "cc". "" is the empty list. An escape character at the
+ *  end of the text counts for nothing. */
 strlist *strlist_fromstring_escaped(char *text, char separator, char escape, int poolid, int strpool);
 /** Splits the text of a string, as strlist_fromstring() but for its note, into strings of the same pool. */
 strlist *strlist_fromdynstr(dynstr *string, const char *separator, int poolid);
