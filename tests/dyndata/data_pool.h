@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+constexpr unsigned kOk = MEMM_OK, kNoMemory = MEMM_E_NO_MEMORY, kInvalid = MEMM_E_INVALID;
+
 // A data pool with a look at its area.
 class DataPool {
     unsigned id_;
@@ -20,7 +22,6 @@ public:
     }
 
     unsigned id() const { return id_; }
-    const memm_pool &descriptor() const { return *memm_get_pool_nolock(id_); }
     const memm::data::Area &area() const
     {
         return *static_cast<const memm::data::Area *>(memm_getpoolcookie_bypoolid(id_));

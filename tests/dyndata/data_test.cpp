@@ -4,8 +4,6 @@
 
 namespace {
 
-constexpr unsigned kOk = MEMM_OK, kNoMemory = MEMM_E_NO_MEMORY, kInvalid = MEMM_E_INVALID;
-
 TEST(data_module, reports_failed_starts_and_pools_and_keeps_what_stands)
 {
     const std::string no_start = "0x10007 2 DYNDATA dyndata: dyndata init failed\n";
