@@ -43,9 +43,8 @@ int at_random(void *, void *) { return static_cast<int>(random_numbers() % 3) - 
 std::vector<Item *> items_of(llist *list)
 {
     std::vector<Item *> items;
-    for (; list != nullptr; list = list->next) {
+    for (; list != nullptr; list = list->next)
         items.push_back(static_cast<Item *>(list->obj));
-    }
     return items;
 }
 
@@ -68,9 +67,8 @@ TEST(sorting, gives_the_order_of_the_written_insertion)
         for (const int keys : {1, 3, 1000}) {
             for (const Arrange &arrange : arrangements) {
                 std::vector<Item> items(static_cast<unsigned>(count));
-                for (Item &item : items) {
+                for (Item &item : items)
                     item.key = static_cast<int>(random_numbers() % static_cast<unsigned>(keys));
-                }
                 arrange(items);
                 std::vector<Item *> expected;
                 for (Item &item : items) {
@@ -79,9 +77,8 @@ TEST(sorting, gives_the_order_of_the_written_insertion)
                 }
                 for (const llist_compare_fn compare : {three_way, greater, at_random}) {
                     llist *list = nullptr;
-                    for (auto item = items.rbegin(); item != items.rend(); ++item) {
+                    for (auto item = items.rbegin(); item != items.rend(); ++item)
                         llist_pushobject(&list, &*item, nodes);
-                    }
                     ASSERT_EQ(llist_sort(&list, compare), 0U);
                     std::vector<Item *> sorted = items_of(list);
                     if (compare == at_random) {  // nonsense, but no node is lost
@@ -90,9 +87,8 @@ TEST(sorting, gives_the_order_of_the_written_insertion)
                     } else {
                         ASSERT_EQ(sorted, expected) << count << " of " << keys;
                     }
-                    for (llist *node = list; node != nullptr; node = node->next) {
+                    for (llist *node = list; node != nullptr; node = node->next)
                         node->obj = nullptr;
-                    }
                     ASSERT_EQ(llist_free_plist(&list), 0U);
                 }
             }
@@ -118,9 +114,8 @@ TEST(lists, of_1000000_nodes_are_released_in_little_stack)
     const unsigned objects = make_pool("objects", 2, 8, options);
     const int nodes = llist_initpool("nodes", 1000000, sizeof(llist), nullptr);
     llist *list = nullptr;
-    for (int i = 0; i < 1000000; ++i) {
+    for (int i = 0; i < 1000000; ++i)
         ASSERT_EQ(llist_pushobject(&list, i == 0 || i == 999999 ? memm_calloc(objects) : nullptr, nodes), 0U);
-    }
     const char *const here = deepest = static_cast<const char *>(__builtin_frame_address(0));
     EXPECT_EQ(llist_free_plist(&list), 0U);
     EXPECT_NE(deepest, here);
@@ -321,17 +316,15 @@ TEST(lists, refuse_what_is_no_list_and_change_nothing)
           llist_addlist(&list->next, list), llist_insert_list_at(&list, list, 1),
           llist_insert_list_at(nullptr, list, -1), strlist_addstring(nullptr, "text", pools.nodes, pools.strings),
           strlist_setstring_at(list, "text", 0), strlist_addulong(nullptr, 5, pools.nodes, pools.strings),
-          strpairlist_setfirststring_at(list, "text", 0)}) {
+          strpairlist_setfirststring_at(list, "text", 0)})
         EXPECT_EQ(result, MEMM_E_INVALID);
-    }
     EXPECT_EQ(strlist_fromstring("a", "", pools.nodes, pools.strings), nullptr);
     EXPECT_EQ(strlist_fromstring(nullptr, ",", pools.nodes, pools.strings), nullptr);
     EXPECT_EQ(strlist_fromdynstr(string, nullptr, pools.nodes), nullptr);
     EXPECT_EQ(header_of(list->obj), pools.objects);
     EXPECT_EQ(header_of(string), static_cast<unsigned>(pools.strings));
-    for (int i = 0; i < 254; ++i) {
+    for (int i = 0; i < 254; ++i)
         memm_refalloc(list->obj);
-    }
     EXPECT_EQ(llist_addref(&list, list->obj, pools.nodes), MEMM_E_NO_MEMORY);
     EXPECT_EQ(pool_at(static_cast<unsigned>(pools.nodes)).cur_count, 1);
     EXPECT_EQ(pools.live_strings(), strings_before);

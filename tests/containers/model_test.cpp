@@ -73,18 +73,16 @@ class ListTrial {
 
     unsigned next()
     {
-        if (bytes_.empty()) {
+        if (bytes_.empty())
             return 0;
-        }
         const unsigned byte = bytes_.front();
         bytes_ = bytes_.subspan(1);
         return byte;
     }
     template <typename T> void same(const T &result, const T &expected, const char *what)
     {
-        if (!(result == expected) && found_.empty()) {
+        if (!(result == expected) && found_.empty())
             found_ = text("%s, in operation %d of kind %zu", what, operations, operation_);
-        }
     }
 
     // --- objects ---
@@ -93,9 +91,8 @@ class ListTrial {
     int pick()
     {
         const unsigned i = next() % (kObjects + 1);
-        if (i == kObjects) {
+        if (i == kObjects)
             return -1;
-        }
         ObjectModel &object = objects_[i];
         if (object.holders == 0) {
             object = {static_cast<Object *>(memm_calloc(object_pools_[i % 2])), 1, 1};
@@ -118,15 +115,13 @@ class ListTrial {
     unsigned type_of(int i) const { return object_pools_[i % 2]; }
     void take_over(int i)
     {
-        if (i >= 0) {
+        if (i >= 0)
             --at(i).mine;
-        }
     }
     void give(int i)
     {
-        if (i >= 0) {
+        if (i >= 0)
             ++at(i).mine;
-        }
     }
     bool drop(int i)
     {
@@ -167,9 +162,8 @@ class ListTrial {
     }
     unsigned release(Chain chain)
     {
-        if (chain.empty()) {
+        if (chain.empty())
             return 0;
-        }
         if (chain[0]->extra > 0) {
             --chain[0]->extra;
             loose_.push_back(chain);
@@ -218,20 +212,17 @@ class ListTrial {
             const auto key = [this](int i) { return i < 0 ? -1 : this->at(i).real->key; };
             return key(object) > key(chain[at]->object);
         };
-        if (chain.empty() || !passes(0)) {
+        if (chain.empty() || !passes(0))
             return 0;
-        }
         std::size_t p = 0;
         for (;;) {
             const std::size_t q = std::min(p + 10, chain.size() - 1);
-            if (q + 1 == chain.size() || !passes(q + 1)) {
+            if (q + 1 == chain.size() || !passes(q + 1))
                 break;
-            }
             p = q;
         }
-        while (p + 1 < chain.size() && passes(p + 1)) {
+        while (p + 1 < chain.size() && passes(p + 1))
             ++p;
-        }
         return static_cast<int>(p) + 1;
     }
 
@@ -293,11 +284,10 @@ class ListTrial {
             result = by_object ? llist_delete_byobject(&list, real(object)) : llist_delete_at(&list, index);
             expected = node == nullptr ? expected : release({node});
         } else if (how == 1 || (how == 2 && !by_object)) {
-            if (how == 2) {
+            if (how == 2)
                 same(llist_getandremove_at(&list, index), real(held), "getandremove");
-            } else {
+            else
                 result = by_object ? llist_remove_byobject(&list, real(object)) : llist_remove_at(&list, index);
-            }
             if (node != nullptr) {
                 give(held);
                 node->object = -1;
@@ -309,9 +299,8 @@ class ListTrial {
             same(by_object ? llist_getandunlink_byobject(&list, real(object)) : llist_getandunlink_at(&list, index),
                  node->real, "getandunlink");
         }
-        if (how > 1 && !(how == 2 && !by_object) && node != nullptr) {
+        if (how > 1 && !(how == 2 && !by_object) && node != nullptr)
             loose_.push_back({node});
-        }
         same(result, expected, "taking out");
     }
 
@@ -325,9 +314,8 @@ class ListTrial {
             same(llist_sort(&list, compare), 0U, "sort");
             Chain sorted;
             Calls unused;
-            for (const Node &node : chain) {
+            for (const Node &node : chain)
                 splice(sorted, place_of(sorted, node->object, unused), {node});
-            }
             chain = length(chain) < 2 ? chain : sorted;
         }
         only_greater = false;
@@ -353,11 +341,10 @@ class ListTrial {
         if (first != nullptr && !is_bad) {
             splice(chain, at_end ? static_cast<int>(chain.size()) : place, source);
             source.clear();
-            if (loose) {
+            if (loose)
                 loose_.pop_back();
-            } else {
+            else
                 lists_[from] = nullptr;
-            }
         }
     }
 
@@ -383,9 +370,8 @@ class ListTrial {
             const Chain rest(chain.begin() + (before + 1), chain.end());
             chain.resize(static_cast<unsigned>(before + 1));
             same(tail, rest.empty() ? nullptr : rest[0]->real, "split");
-            if (!rest.empty()) {
+            if (!rest.empty())
                 loose_.push_back(rest);
-            }
         } else {
             same<llist *>(tail, nullptr, "split nowhere");
         }
@@ -406,9 +392,8 @@ class ListTrial {
             }
             same(first == nullptr, copied.empty(), "refalloc");
             adopt(first, copied);
-            if (!copied.empty()) {
+            if (!copied.empty())
                 loose_.push_back(copied);
-            }
             return;
         }
         unsigned expected = 0;
@@ -425,9 +410,8 @@ class ListTrial {
         }
         same(llist_clone(&lists_[to], list, pool), expected, "clone");
         splice(chains_[to], static_cast<int>(chains_[to].size()), copied);
-        if (expected != 0) {
+        if (expected != 0)
             release(std::exchange(chains_[to], {}));
-        }
     }
 
     void share_or_release(llist *&list, Chain &chain)
@@ -435,9 +419,8 @@ class ListTrial {
         const unsigned what = next() % 8;
         if (what == 0) {
             ObjectModel &object = objects_[next() % kObjects];
-            if (object.holders > 0) {
+            if (object.holders > 0)
                 object.real->refuses = next() % 4 == 0;
-            }
         } else if (what == 1 && !chain.empty()) {
             const Node &node = chain[next() % chain.size()];
             memm_refalloc(node->real);
@@ -451,9 +434,8 @@ class ListTrial {
             if (place >= 0) {
                 take_over(object);
                 int &held = chain[static_cast<unsigned>(place)]->object;
-                if (!drop(held)) {
+                if (!drop(held))
                     give(held);  // nobody's reference any more
-                }
                 held = object;
             }
         } else if (what == 4) {
@@ -493,11 +475,9 @@ class ListTrial {
     // The n-th from there on whose object is of the type; null.
     void *nth_of_type(const Chain &chain, std::size_t from, int n, unsigned type)
     {
-        for (; from < chain.size(); ++from) {
-            if (is_of_type(chain[from], type) && n-- == 0) {
+        for (; from < chain.size(); ++from)
+            if (is_of_type(chain[from], type) && n-- == 0)
                 return real(chain[from]->object);
-            }
-        }
         return nullptr;
     }
     void look_by_type(llist *list, const Chain &chain)
@@ -507,9 +487,8 @@ class ListTrial {
         same(llist_get_bytype(list, type, 7), nth_of_type(chain, 0, 1, type), "get_bytype, second");
         int left = static_cast<int>(next() % 5), visited = left;
         int matching = 0;
-        for (int i = 0; i < length(chain); ++i) {
+        for (int i = 0; i < length(chain); ++i)
             matching += type_of(chain[static_cast<unsigned>(i)]->object) == type;
-        }
         same(llist_enumcb_bytype(list, type, count_down, &left), std::min(visited, matching), "enumcb_bytype");
     }
     // One step of a walk during which the list changes.
@@ -519,11 +498,10 @@ class ListTrial {
         const auto is_last = [this](const Node &node) { return real(node->object) == cursor_; };
         const auto last = std::find_if(chain.begin(), chain.end(), is_last);
         void *expected = nullptr;
-        if (walked_ == 0 || last == chain.end()) {
+        if (walked_ == 0 || last == chain.end())
             expected = nth_of_type(chain, 0, walked_, type_);
-        } else {
+        else
             expected = nth_of_type(chain, static_cast<std::size_t>(last - chain.begin()), 1, type_);
-        }
         const int steps = walked_ + (expected != nullptr && !chain.empty());
         same(llist_enum_bytype(lists_[walked_list_], type_, &walked_, &cursor_), expected, "enum_bytype");
         same(walked_, steps, "steps of enum_bytype");
@@ -539,12 +517,10 @@ class ListTrial {
     void adopt(llist *node, const Chain &chain)
     {
         for (const Node &expected : chain) {
-            if (node == nullptr) {
+            if (node == nullptr)
                 return same(true, false, "a node is missing");
-            }
-            if (expected->real == nullptr) {
+            if (expected->real == nullptr)
                 expected->real = node;
-            }
             same(node, expected->real, "node");
             same(node->obj, real(expected->object), "object of a node");
             same(header_of(node), expected->extra << 24 | expected->pool, "holders of a node");
@@ -573,13 +549,11 @@ class ListTrial {
     }
     void compare_all()
     {
-        for (unsigned i = 0; i < kLists; ++i) {
+        for (unsigned i = 0; i < kLists; ++i)
             adopt(lists_[i], chains_[i]);
-        }
         for (const Chain &chain : loose_) {
-            if (chain[0]->real == nullptr) {
+            if (chain[0]->real == nullptr)
                 find_lost(chain);
-            }
             adopt(chain[0]->real, chain);
         }
         for (unsigned i = 0; i < kObjects; ++i) {
@@ -588,9 +562,8 @@ class ListTrial {
                      "holders");
             }
         }
-        for (const unsigned pool : node_pools_) {
+        for (const unsigned pool : node_pools_)
             same(pool_at(pool).cur_count, in_use(pool), "nodes in use");
-        }
     }
 
 public:
@@ -598,12 +571,10 @@ public:
     {
         memm_pooloptions options{};
         options.release_cb = release_object;
-        for (unsigned &pool : object_pools_) {
+        for (unsigned &pool : object_pools_)
             pool = make_pool("", kObjects, sizeof(Object), options);
-        }
-        for (unsigned &pool : node_pools_) {
+        for (unsigned &pool : node_pools_)
             pool = static_cast<unsigned>(llist_initpool("", kNodes, sizeof(llist), nullptr));
-        }
         small_ = make_pool("", 4, 4);
     }
 
@@ -635,28 +606,22 @@ public:
     // Everything is given back; what is left then.
     int release_everything()
     {
-        for (unsigned i = 0; i < kObjects; ++i) {
-            if (objects_[i].holders > 0) {
+        for (unsigned i = 0; i < kObjects; ++i)
+            if (objects_[i].holders > 0)
                 objects_[i].real->refuses = false;
-            }
-        }
-        for (unsigned i = 0; i < kLists; ++i) {
+        for (unsigned i = 0; i < kLists; ++i)
             EXPECT_EQ(llist_free_plist(&lists_[i]), release(std::exchange(chains_[i], {})));
-        }
         while (!loose_.empty()) {
             const Chain chain = std::move(loose_.back());
             loose_.pop_back();
             EXPECT_EQ(memm_free(chain[0]->real), static_cast<int>(release(chain)));
         }
-        for (ObjectModel &object : objects_) {
-            for (; object.mine > 0; --object.mine) {
+        for (ObjectModel &object : objects_)
+            for (; object.mine > 0; --object.mine)
                 memm_free(object.real);
-            }
-        }
         int left = 0;
-        for (const unsigned pool : {node_pools_[0], node_pools_[1], object_pools_[0], object_pools_[1], small_}) {
+        for (const unsigned pool : {node_pools_[0], node_pools_[1], object_pools_[0], object_pools_[1], small_})
             left += pool_at(pool).cur_count;
-        }
         return left;
     }
 

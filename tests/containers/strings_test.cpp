@@ -32,9 +32,8 @@ struct StringLists {
     strlist *make(const Texts &texts) const
     {
         strlist *list = nullptr;
-        for (const std::string &item : texts) {
+        for (const std::string &item : texts)
             EXPECT_EQ(strlist_addstring(&list, item.c_str(), nodes, strings), 0U);
-        }
         return list;
     }
 };
@@ -43,9 +42,8 @@ struct StringLists {
 Texts taken(strlist *list)
 {
     Texts texts;
-    for (int i = 0; i < llist_getlength(list); ++i) {
+    for (int i = 0; i < llist_getlength(list); ++i)
         texts.push_back(strlist_getstring_at(list, i));
-    }
     EXPECT_EQ(llist_free_plist(&list), 0U);
     return texts;
 }
@@ -61,9 +59,8 @@ Texts split(const std::string &whole, const std::string &separator)
 {
     Texts parts;
     std::size_t from = 0;
-    for (std::size_t at; (at = whole.find(separator, from)) != whole.npos; from = at + separator.size()) {
+    for (std::size_t at; (at = whole.find(separator, from)) != whole.npos; from = at + separator.size())
         parts.push_back(at - from < 2047 ? whole.substr(from, at - from) : whole.substr(from));
-    }
     parts.push_back(whole.substr(from));
     return parts;
 }
@@ -71,9 +68,8 @@ Texts split(const std::string &whole, const std::string &separator)
 std::string join(const Texts &parts, const std::string &separator)
 {
     std::string whole;
-    for (const std::string &part : parts) {
+    for (const std::string &part : parts)
         whole += (&part == &parts.front() ? "" : separator) + part;
-    }
     return whole;
 }
 
@@ -89,9 +85,8 @@ TEST(string_lists, are_split_and_joined_again)
     }
     for (int i = 0; i < scaled(3000); ++i) {
         std::string whole;
-        for (auto length = random() % 60; length > 0; --length) {
+        for (auto length = random() % 60; length > 0; --length)
             whole += ",;ab"[random() % 4];
-        }
         cases.push_back({whole, Texts{",", ";", ",,", ",;", "a,b"}[random() % 5]});
     }
     for (const auto &[whole, separator] : cases) {
@@ -112,19 +107,16 @@ TEST(string_lists, are_joined_with_escapes_and_split_again)
     std::mt19937 random(1729);
     for (int i = 0; i < scaled(3000); ++i) {
         Texts parts(1 + random() % 6);
-        for (std::string &part : parts) {
-            for (auto length = random() % 8; length > 0; --length) {
+        for (std::string &part : parts)
+            for (auto length = random() % 8; length > 0; --length)
                 part += ",\\ab"[random() % 4];
-            }
-        }
         strlist *const list = lists.make(parts);
         std::string escaped = text_of(dynstr_fromstrlist_escaped(lists.pool(), list, ",", '\\'));
         std::string expected;
         for (const std::string &part : parts) {
             expected += &part == &parts.front() ? "" : ",";
-            for (const char c : part) {
+            for (const char c : part)
                 expected += (c == ',' || c == '\\' ? "\\" : "") + std::string(1, c);
-            }
         }
         ASSERT_EQ(escaped, expected);
         const auto first = static_cast<int>(random() % 8) - 1, last = static_cast<int>(random() % 8) - 1;
@@ -141,9 +133,8 @@ TEST(string_lists, are_joined_with_escapes_and_split_again)
             ASSERT_EQ(back, escaped[0] == '\0' && expected.empty() ? Texts{} : parts);
         } else {
             ASSERT_GE(back.size(), parts.size());
-            for (std::size_t part = 0; part + 1 < parts.size(); ++part) {
+            for (std::size_t part = 0; part + 1 < parts.size(); ++part)
                 ASSERT_EQ(back[part], parts[part]);
-            }
             ASSERT_EQ(back[parts.size() - 1].substr(0, parts.back().size()), parts.back());
         }
         taken(list);
@@ -228,9 +219,8 @@ TEST(string_lists, give_and_take_items)
     int index = 0;
     void *cursor = nullptr;
     Texts seen;
-    while (dynstr *const string = strlist_enum_dynstr(list, &index, &cursor)) {
+    while (dynstr *const string = strlist_enum_dynstr(list, &index, &cursor))
         seen.push_back(dynstr_getstring(string));
-    }
     EXPECT_EQ(seen, (Texts{"8", "seven", "4294967295"}));
     EXPECT_EQ(taken(strlist_clone(list, lists.nodes, lists.strings)), (Texts{"8", "seven", "4294967295", ""}));
     EXPECT_EQ(strlist_delete_at(&list, 3), 0U);
@@ -290,9 +280,8 @@ TEST(pairs, are_split_from_texts_and_found_by_their_first)
     strpairlist *shallow = strpairlist_clone(list, lists.nodes);
     EXPECT_EQ(strpairlist_getlength(shallow), 6);
     EXPECT_EQ(strpairlist_getpair_at(shallow, 1), copy);
-    while (shallow != nullptr) {
+    while (shallow != nullptr)
         llist_remove_at(&shallow, 0);
-    }
     EXPECT_EQ(strpairlist_delete_at(&list, 0), 0U);
     EXPECT_EQ(llist_free_plist(&list), 0U);
 }
