@@ -51,9 +51,8 @@ TEST(dump, follows_its_order_file_line_by_line)
                       none = objects("no such pool"), stats = statistics();
     const std::string filler = "#" + std::string(61, '-') + "\n";  // 63 characters: 1040 of them leave room for 16
     std::string almost_full;
-    for (int i = 0; i < 1040; ++i) {
+    for (int i = 0; i < 1040; ++i)
         almost_full += filler;
-    }
     const std::pair<std::string, std::string> cases[] = {
         {"", ""},
         {"\n\n#stats\n# all\n\n", ""},
@@ -162,9 +161,8 @@ TEST(dump, writes_over_nothing_but_its_own_file)
 
 TEST(dump, leaves_the_files_of_others_alone)
 {
-    if (geteuid() != 0) {
+    if (geteuid() != 0)
         GTEST_SKIP() << "only root can have another user's file";
-    }
     const OwnFolder folder;
     make_pool("", 1);
     constexpr uid_t kNobody = 65534;
@@ -263,9 +261,8 @@ int depletions_reported()
 {
     const std::string errors = recorder().take_errors();
     int count = 0;
-    for (std::size_t at = 0; (at = errors.find("failed for pool 'dry'", at)) != std::string::npos; ++at) {
+    for (std::size_t at = 0; (at = errors.find("failed for pool 'dry'", at)) != std::string::npos; ++at)
         ++count;
-    }
     recorder().forget();
     return count;
 }

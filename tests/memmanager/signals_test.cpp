@@ -62,9 +62,8 @@ TEST(signals, do_not_enter_the_applications_lock_while_it_is_being_entered)
         entering = true;
         memm_free(memm_calloc(pool));
     });
-    while (!entering) {
+    while (!entering)
         std::this_thread::yield();
-    }
     usleep(20000);  // time to run into P
     pthread_kill(waiter.native_handle(), SIGUSR1);
     usleep(20000);

@@ -35,7 +35,7 @@ struct Model {
     {
     }
 
-    std::vector<long> counters() const
+    std::vector<long long> counters() const
     {
         return {now,      highest,  highest_above_base, paths[0],   paths[1],  paths[2],
                 paths[3], paths[4], scan_steps,         first_free, last_used, spare_flag};
@@ -114,9 +114,10 @@ class Driver {
     {
         const memm_pool &p = pool_at(pool_);
         const auto *paths = p.alloc_count;
-        ASSERT_EQ((std::vector<long>{p.cur_count, p.max_count, p.max_count_rel, paths[0], paths[1], paths[2], paths[3],
-                                     paths[4], p.scan_steps, number(p.first_free), number(p.last_used), spare_flag_}),
-                  model_.counters());
+        ASSERT_EQ(
+            (std::vector<long long>{p.cur_count, p.max_count, p.max_count_rel, paths[0], paths[1], paths[2], paths[3],
+                                    paths[4], p.scan_steps, number(p.first_free), number(p.last_used), spare_flag_}),
+            model_.counters());
         ASSERT_EQ(recorder().take_trace(), model_.trace);
         model_.trace.clear();
     }
