@@ -86,6 +86,7 @@ TEST(lookup, search_stops_at_the_match_and_every_call_has_its_tag)
     memm_free(second);
     EXPECT_EQ(memm_search(pool, 2, matches_index), third);
     EXPECT_EQ(memm_search(pool, 1, matches_index), nullptr);
+    EXPECT_EQ(memm_search(pool, 7, [](void *, int wanted) { return wanted; }), first);
     recorder().take_tags();
     EXPECT_EQ(memm_search(pool, 0, nullptr), nullptr);
     memm_getfirst(pool);
