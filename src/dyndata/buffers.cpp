@@ -16,8 +16,7 @@ struct Bytes {
 
 PoolId pool_of(dyndata &object) noexcept { return ObjectHeader::of_slot(slot_of(&object)).pool(); }
 
-// Which runs lie behind the one that goes is as good as random: no branch depends on it, and free slots are written as
-// they were.
+// Which runs lie behind the one that goes is as good as random, so no branch depends on it. Free slots hold no pointer.
 void lower_later_runs(const Area &area, Run gone) noexcept
 {
     const Pool *const pool = registry.find(PoolId{area.poolid});
@@ -28,8 +27,7 @@ void lower_later_runs(const Area &area, Run gone) noexcept
     unsigned char *const last = pool->last_used;
     for (unsigned char *slot = pool->slots; slot <= last; slot += slot_size) {
         unsigned char *&data = static_cast<dyndata *>(object_in(slot))->data;
-        const bool is_later = static_cast<int>(data > gone.from) & static_cast<int>(!is_free(slot));
-        store(data, data - (is_later ? gone.size : 0));
+        store(data, data - (data > gone.from ? gone.size : 0));
     }
 }
 
