@@ -83,12 +83,14 @@ Result replace(Held held, Area &area, dyndata &object, Bytes bytes) noexcept
 // Deliberate: appending does not honour the limit.
 Result extend(Area &area, dyndata &object, Run run, Bytes bytes) noexcept
 {
-    if (area.room() == 0 || area.room() < bytes.length || bytes.length > SizeInfo::kMaxSize - run.size) {
+    const u32 room = area.room();
+    if (room == 0 || room < bytes.length || bytes.length > SizeInfo::kMaxSize - run.size) {
         return Result::no_memory;
     }
-    std::memmove(area.tail(), bytes.from, bytes.length);
+    unsigned char *const tail = area.tail();
     set_info(object, info_of(object).with_size(run.size + bytes.length));
     grow(area, bytes.length);
+    std::memmove(tail, bytes.from, bytes.length);
     return Result::ok;
 }
 
