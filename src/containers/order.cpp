@@ -34,9 +34,21 @@ Node *merge(Node *older, Node *newer, llist_compare_fn compare) noexcept
 {
     Node *merged = nullptr;
     Node **end = &merged;
-    while (goes_before(newer, older, compare) ? take(end, newer, older) : take(end, older, newer)) {
+    void *older_object = older->obj;
+    void *newer_object = newer->obj;
+    for (;;) {
+        if (compare(newer_object, older_object) <= 0) {
+            if (!take(end, newer, older)) {
+                return merged;
+            }
+            newer_object = newer->obj;
+        } else {
+            if (!take(end, older, newer)) {
+                return merged;
+            }
+            older_object = older->obj;
+        }
     }
-    return merged;
 }
 
 // Cuts the longest run, rising or falling, off the front of the chain, as a sorted chain.
@@ -63,13 +75,56 @@ Node *take_run(Node *&chain, llist_compare_fn compare) noexcept
     return first;
 }
 
+// The first four nodes of a chain, where they are neither rising nor falling, by selections instead of branches: which
+// of them it is cannot be foretold. Their lowest and highest are what the two pairs have first and last.
+Node *take_four(Node *&chain, llist_compare_fn compare) noexcept
+{
+    Node *const a = chain;
+    Node *const b = a->next;
+    Node *const c = b->next;
+    Node *const d = c->next;
+    const bool falls = goes_before(b, a, compare);
+    const bool falls_between = goes_before(c, b, compare);
+    const bool falls_then = goes_before(d, c, compare);
+    if (falls == falls_between && falls == falls_then) {
+        return take_run(chain, compare);
+    }
+    Node *const older_low = falls ? b : a;
+    Node *const older_high = falls ? a : b;
+    Node *const newer_low = falls_then ? d : c;
+    Node *const newer_high = falls_then ? c : d;
+    const bool newer_is_first = goes_before(newer_low, older_low, compare);
+    const bool newer_is_last = !goes_before(newer_high, older_high, compare);
+    Node *const first = newer_is_first ? newer_low : older_low;
+    Node *const low = newer_is_first ? older_low : newer_low;
+    Node *const high = newer_is_last ? older_high : newer_high;
+    Node *const last = newer_is_last ? newer_high : older_high;
+
+    // What is left is a pair in order, or one of each.
+    Node *const newer = newer_is_first ? high : low;
+    Node *const older = newer_is_first ? low : high;
+    const bool newer_goes_first = goes_before(newer, older, compare);
+    const bool swaps = (newer_is_first != newer_is_last) & (newer_goes_first == newer_is_first);
+    chain = d->next;
+    first->next = swaps ? high : low;
+    first->next->next = swaps ? low : high;
+    first->next->next->next = last;
+    last->next = nullptr;
+    return first;
+}
+
+bool has_four(const Node *chain) noexcept
+{
+    return chain->next != nullptr && chain->next->next != nullptr && chain->next->next->next != nullptr;
+}
+
 // A binary counter of chains: place i holds 2^i runs, the higher places the ones that stood earlier.
 Node *sort(Node *chain, llist_compare_fn compare) noexcept
 {
     constexpr int kPlaces = 32;
     Node *places[kPlaces] = {};
     while (chain != nullptr) {
-        Node *run = take_run(chain, compare);
+        Node *run = has_four(chain) ? take_four(chain, compare) : take_run(chain, compare);
         int place = 0;
         for (; places[place] != nullptr; ++place) {
             run = merge(std::exchange(places[place], nullptr), run, compare);
