@@ -635,7 +635,7 @@ TEST(lists, agree_with_vectors_through_random_operations)
     recorder().allow_reports();
     ListTrial trial;
     const std::string dump_file = text("/tmp/memm_dump_%d", getpid());
-    unlink(dump_file.c_str());  // of an earlier process of this number
+    unlink(dump_file.c_str());                     // of an earlier process of this number
     ASSERT_EQ(mkdir(dump_file.c_str(), 0700), 0);  // files for every depletion would take the most of the time
     std::mt19937 random(3141);
     std::vector<unsigned char> bytes(65536);
