@@ -4,6 +4,7 @@
 #include <memmanager/memmanager.h>
 #include <memmanager/platform.h>
 #include <gtest/gtest.h>
+#include <type_traits>
 
 namespace {
 

@@ -3,6 +3,7 @@
 
 #include <memmanager/memmanager.h>
 #include <memmanager/timestat.h>
+#include <algorithm>
 #include <gtest/gtest.h>
 
 namespace {

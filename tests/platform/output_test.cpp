@@ -1,5 +1,6 @@
 #include <memmanager/platform.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
