@@ -56,12 +56,12 @@ extern "C" {
 
 dynstr *dynstr_calloc(unsigned poolid) { return static_cast<dynstr *>(memm_calloc(poolid)); }
 
-// Any pool may be asked; where its objects are no records, there is nothing to write the limit into.
+// Any pool may be asked; where its objects are too small for records, or are descriptors, nothing is written.
 dynstr *dynstr_calloc_maxsize(unsigned poolid, unsigned max)
 {
     dynstr *const record = dynstr_calloc(poolid);
-    const Pool *const pool = record == nullptr ? nullptr : registry.find(PoolId{poolid});
-    if (pool != nullptr && pool->slot_size >= slot_bytes(sizeof(dynstr))) {
+    const PoolAid *const aid = record == nullptr ? nullptr : registry.find_aid(PoolId{poolid});
+    if (aid != nullptr && aid->is_ordinary && aid->pool->slot_size >= slot_bytes(sizeof(dynstr))) {
         set_info(*record, info_of(*record).with_max_size(max));
     }
     return record;

@@ -27,9 +27,8 @@ namespace {
     }
 }
 
-}  // namespace
-
-void *allocate(Held held, PoolId id) noexcept
+// The short way, in place: what an application calls most.
+[[gnu::always_inline]] inline void *allocate_here(Held held, PoolId id) noexcept
 {
     const PoolAid *const aid = registry.find_aid(id);
     if (aid == nullptr) {
@@ -38,6 +37,10 @@ void *allocate(Held held, PoolId id) noexcept
     void *const object = take_slot(held, *aid, Reserve::closed);
     return object != nullptr ? object : collect_and_allocate(held, *aid);
 }
+
+}  // namespace
+
+void *allocate(Held held, PoolId id) noexcept { return allocate_here(held, id); }
 
 void *allocate_without_gc(Held held, PoolId id) noexcept
 {
@@ -147,7 +150,7 @@ Verdict ask_callback(const PoolAid &aid, void *object) noexcept
 }
 
 // Null and the object of a header at address 0 are nothing to release; other pointers are somebody's mistake.
-[[gnu::cold]] void report_invalid(void *object) noexcept
+[[gnu::cold, gnu::noinline]] void report_invalid(void *object) noexcept
 {
     const auto address = reinterpret_cast<std::uintptr_t>(object);
     if (address != 0 && address != kHeaderBytes) {
@@ -156,25 +159,18 @@ Verdict ask_callback(const PoolAid &aid, void *object) noexcept
     }
 }
 
-}  // namespace
-
-// Descriptors cannot be released.
-Result release(Held held, void *object) noexcept
+// Others hold the object too, or its pool has a say in the release.
+[[gnu::noinline]] Result release_shared(Held held, const PoolAid &aid, void *object) noexcept
 {
-    const PoolAid *const aid = owner_of(object);
-    if (aid == nullptr || aid->id == PoolId::descriptors || slot_of(object) > aid->pool->last_used) [[unlikely]] {
-        report_invalid(object);
-        return Result::ok;
-    }
     unsigned char *const slot = slot_of(object);
     const ObjectHeader header = ObjectHeader::of_slot(slot);
     if (header.extra_refs() != 0) {
         header.with_extra_refs(header.extra_refs() - 1).write_to(slot);
-        add(aid->pool->refs, -1U);
-        add(aid->pool->free_count, 1);
+        add(aid.pool->refs, -1U);
+        add(aid.pool->free_count, 1);
         return Result::ok;
     }
-    switch (ask_callback(*aid, object)) {
+    switch (ask_callback(aid, object)) {
     case Verdict::kept:
         return Result::ok;
     case Verdict::refused:
@@ -186,9 +182,31 @@ Result release(Held held, void *object) noexcept
     if (!ObjectHeader::of_slot(slot).in_use()) [[unlikely]] {
         trace_release("[MEMM] memm_free: Recursive release detected: 0x%08lx (poolid = %d)\r\n", slot, header.pool());
     }
+    finish_release(held, aid, slot);
+    return Result::ok;
+}
+
+// Descriptors cannot be released.
+[[gnu::always_inline]] inline Result release_here(Held held, void *object) noexcept
+{
+    const PoolAid *const aid = owner_of(object);
+    if (aid == nullptr || aid->id == PoolId::descriptors || slot_of(object) > aid->pool->last_used) [[unlikely]] {
+        report_invalid(object);
+        return Result::ok;
+    }
+    unsigned char *const slot = slot_of(object);
+    const memm_pooloptions &options = aid->pool->options;
+    if (ObjectHeader::of_slot(slot).extra_refs() != 0 || options.release_cb != nullptr ||
+        options.release2_cb != nullptr) {
+        return release_shared(held, *aid, object);
+    }
     finish_release(held, *aid, slot);
     return Result::ok;
 }
+
+}  // namespace
+
+Result release(Held held, void *object) noexcept { return release_here(held, object); }
 
 }  // namespace memm
 
@@ -199,7 +217,7 @@ extern "C" {
 void *memm_calloc(unsigned poolid)
 {
     const ManagerLock lock("memm_calloc");
-    return allocate(lock.held(), PoolId{poolid});
+    return allocate_here(lock.held(), PoolId{poolid});
 }
 
 void *memm_calloc_nolock(unsigned poolid)
@@ -229,7 +247,7 @@ void *memm_refalloc_nolock(void *obj)
 int memm_free(void *obj)
 {
     const ManagerLock lock("memm_free");
-    return to_int(release(lock.held(), obj));
+    return to_int(release_here(lock.held(), obj));
 }
 
 int memm_free_nolock(void *obj)

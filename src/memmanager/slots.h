@@ -3,7 +3,6 @@
 #include "memmanager/pool.h"
 
 #include <cstring>
-#include <type_traits>
 
 // Taking and giving back slots. What every allocation and release goes through is inline; slots.cpp has the rest.
 namespace memm {
@@ -20,37 +19,10 @@ inline void raise_highest(Pool &pool, int in_use) noexcept
     }
 }
 
-// Small objects as memset does it, but without the call: from both ends, overlapping in the middle. The header is left
-// alone, for others may be reading it.
-inline void clear_object(unsigned char *slot, u32 slot_size) noexcept
-{
-    unsigned char *const object = slot + kHeaderBytes;
-    unsigned char *const end = slot + slot_size;
-    const auto clear_ends = [object, end](auto bytes) {
-        std::memset(object, 0, bytes);
-        std::memset(end - bytes, 0, bytes);
-    };
-    const u32 size = slot_size - kHeaderBytes;
-    if (size > 128) {
-        std::memset(object, 0, size);
-    } else if (size > 64) {
-        clear_ends(std::integral_constant<std::size_t, 64>{});
-    } else if (size > 32) {
-        clear_ends(std::integral_constant<std::size_t, 32>{});
-    } else if (size >= 16) {
-        clear_ends(std::integral_constant<std::size_t, 16>{});
-    } else if (size >= 8) {
-        clear_ends(std::integral_constant<std::size_t, 8>{});
-    } else {
-        clear_ends(std::integral_constant<std::size_t, 4>{});
-    }
-}
-
 // A free slot becomes a zeroed object. Not for descriptors.
-inline void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
+[[gnu::always_inline]] inline void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
 {
     Pool &pool = *aid.pool;
-    clear_object(slot, pool.slot_size);
     ObjectHeader{aid.id}.write_to(slot);
     if (aid.index != nullptr) {
         aid.index->set(aid.number_of(slot));
@@ -59,13 +31,14 @@ inline void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
     if (slot > pool.last_used) {
         store(pool.last_used, slot);
     }
-    return object_in(slot);
+    // The header is left alone, for others may be reading it.
+    return std::memset(object_in(slot), 0, pool.slot_size - kHeaderBytes);
 }
 
 void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
 
 // A zeroed object, or null; keeps the counters.
-inline void *take_slot(Held, const PoolAid &aid, Reserve reserve) noexcept
+[[gnu::always_inline]] inline void *take_slot(Held, const PoolAid &aid, Reserve reserve) noexcept
 {
     Pool &pool = *aid.pool;
     unsigned char *const slot = pool.first_free;
@@ -99,7 +72,7 @@ inline bool pass_slot(Held, const PoolAid &aid) noexcept
 unsigned char *highest_used_below(const PoolAid &aid, unsigned char *slot) noexcept;
 
 // A slot in use becomes free.
-inline void return_slot(Held, const PoolAid &aid, unsigned char *slot) noexcept
+[[gnu::always_inline]] inline void return_slot(Held, const PoolAid &aid, unsigned char *slot) noexcept
 {
     Pool &pool = *aid.pool;
     add(pool.cur_count, -1);
