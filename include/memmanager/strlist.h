@@ -77,7 +77,10 @@ unsigned strlist_setstring_at(strlist *list, const char *text, int index);
 /** Splits at every separator: "a,,b" is "a", "" and "b"; "a," is "a" and ""; "" is one empty item.
  *  @note   an item of 2047 characters or more that a separator follows holds all of the rest of the text; the split
  *  goes on behind the separator all the same
- *  @param text  of the caller's, not of a string in `strpool`, whose text moves meanwhile: see strlist_fromdynstr() */
+ *  @param text       of the caller's, not of a string in `strpool`, whose text moves meanwhile: see strlist_fromdynstr()
+ *  @param separator  one character or more
+ *  @param poolid     where the nodes come from
+ *  @param strpool    where the strings come from */
 strlist *strlist_fromstring(const char *text, const char *separator, int poolid, int strpool);
 /** Splits at every separator that has no escape character before it, and takes the escape characters out; the text is
  *  changed. Nothing ends the text where it has become shorter: after escapes the last item keeps the characters that
@@ -86,7 +89,9 @@ strlist *strlist_fromstring(const char *text, const char *separator, int poolid,
 strlist *strlist_fromstring_escaped(char *text, char separator, char escape, int poolid, int strpool);
 /** Splits the text of a string, as strlist_fromstring() but for its note, into strings of the same pool. */
 strlist *strlist_fromdynstr(dynstr *string, const char *separator, int poolid);
-/** @param array  texts; null ends it */
+/** @param array    texts; null ends it
+ *  @param poolid   where the nodes come from
+ *  @param strpool  where the strings come from */
 strlist *strlist_fromstringarr(const char *const *array, int poolid, int strpool);
 /** @return a list of new strings with the texts of the items, up to the first node that holds null; what is no string
  *          becomes an empty item. Takes the lock as "strlist_fromstringarr" */

@@ -31,6 +31,8 @@ strpair *strpair_fromstrings(const char *first, const char *second, int poolid, 
  *  @param text        is written to meanwhile. Afterwards it is as before, but that the delimiter at which it was split
  *                     has become the first one of `delimiters`
  *  @param delimiters  characters
+ *  @param poolid      where the nodes come from
+ *  @param strpool     where the strings come from
  *  @return as strpair_fromstrings(); null also for a null argument and when the text has nothing but delimiters */
 strpair *strpair_fromstring(char *text, const char *delimiters, int poolid, int strpool);
 /** strlist_clone(): a new pair with new strings. */
