@@ -77,7 +77,8 @@ unsigned strlist_setstring_at(strlist *list, const char *text, int index);
 /** Splits at every separator: "a,,b" is "a", "" and "b"; "a," is "a" and ""; "" is one empty item.
  *  @note   an item of 2047 characters or more that a separator follows holds all of the rest of the text; the split
  *  goes on behind the separator all the same
- *  @param text       of the caller's, not of a string in `strpool`, whose text moves meanwhile: see strlist_fromdynstr()
+ *  @param text       of the caller's, not of a string in `strpool`, whose text moves meanwhile: see
+ * strlist_fromdynstr()
  *  @param separator  one character or more
  *  @param poolid     where the nodes come from
  *  @param strpool    where the strings come from */
