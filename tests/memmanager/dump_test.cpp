@@ -83,7 +83,11 @@ TEST(dump, takes_orders_from_regular_files_alone)
     const std::pair<std::function<void()>, bool> cases[] = {
         {[] {}, false},
         {[&] { fs::create_directory(order); }, false},
-        {[&] { mkfifo(order.c_str(), 0600); }, false},
+        {[&] {
+             mkfifo(order.c_str(), 0600);
+             EXPECT_EQ(write(openat(AT_FDCWD, order.c_str(), O_RDWR), "stats\n", 6), 6);
+         },
+         false},
         {[&] { fs::create_symlink("/dev/zero", order); }, false},
         {[&] { fs::create_symlink(other, order); }, true},
         {[&] { fs::create_hard_link(other, order); }, true},
