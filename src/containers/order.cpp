@@ -65,11 +65,10 @@ Node *take_run(Node *&chain, llist_compare_fn compare) noexcept
         chain = next;
         return run;
     }
-    Node *last = first;
-    do {
+    Node *last = next;
+    for (next = last->next; next != nullptr && !goes_before(next, last, compare); next = last->next) {
         last = next;
-        next = last->next;
-    } while (next != nullptr && !goes_before(next, last, compare));
+    }
     last->next = nullptr;
     chain = next;
     return first;
