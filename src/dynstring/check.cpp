@@ -109,11 +109,12 @@ public:
     }
 };
 
-// A pool without any object has nothing to check.
+// A pool without any object has nothing to check. Asked of the counter: the check may come without the lock, and a
+// search would correct the slot index.
 const TextPool *checkable(PoolId id) noexcept
 {
     const PoolAid *const aid = registry.find_aid(id);
-    return aid != nullptr && first_in_use(*aid->pool) != nullptr ? text_pool_of(*aid) : nullptr;
+    return aid != nullptr && load(aid->pool->cur_count) > 0 ? text_pool_of(*aid) : nullptr;
 }
 
 bool check(PoolId id, bool verbose) noexcept
