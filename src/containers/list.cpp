@@ -47,6 +47,18 @@ Node *node_at(Node *list, int index) noexcept
     return list;
 }
 
+Position walk_to(Node **plist, int index) noexcept
+{
+    if (!is_list(plist)) {
+        return {nullptr, 0};
+    }
+    Position position{plist, from_front(*plist, index)};
+    for (; *position.link != nullptr && position.left > 0; --position.left) {
+        position.link = &(*position.link)->next;
+    }
+    return position;
+}
+
 Node **end_of(Node **link) noexcept
 {
     while (*link != nullptr) {
@@ -133,15 +145,8 @@ void print_node(void *object)
 
 Node **link_at(Node **plist, int index) noexcept
 {
-    if (!is_list(plist)) {
-        return nullptr;
-    }
-    int left = from_front(*plist, index);
-    Node **link = plist;
-    for (; *link != nullptr && left > 0; --left) {
-        link = &(*link)->next;
-    }
-    return left == 0 && *link != nullptr ? link : nullptr;
+    const Position position = walk_to(plist, index);
+    return position.link != nullptr && position.left == 0 && *position.link != nullptr ? position.link : nullptr;
 }
 
 struct Found {

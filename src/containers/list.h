@@ -33,6 +33,14 @@ int from_front(const Node *list, int index) noexcept;
 
 Node *node_at(Node *list, int index) noexcept;  // null when there is none, or the list's first node is no node
 
+// Where an index leads: the link after that many steps, or the end and the steps that were left. An index that stays
+// below 0 leads to the front with those left. The link is null when the list's first node is no node.
+struct Position {
+    Node **link;
+    int left;
+};
+Position walk_to(Node **plist, int index) noexcept;
+
 Node **end_of(Node **link) noexcept;
 
 // The link to the first node that holds the object; null when there is none.

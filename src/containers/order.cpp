@@ -198,15 +198,8 @@ void insert_sorted(Held held, Node **plist, void *object, int poolid, llist_comp
 // the chain is too short.
 Node **insertion_link(Node **plist, int index) noexcept
 {
-    if (!is_list(plist)) {
-        return nullptr;
-    }
-    int left = from_front(*plist, index);
-    Node **link = plist;
-    for (; *link != nullptr && left > 0; --left) {
-        link = &(*link)->next;
-    }
-    return left > 0 ? nullptr : link;
+    const Position position = walk_to(plist, index);
+    return position.left > 0 ? nullptr : position.link;
 }
 
 // Deliberate: the node is made first, and is not given back when there is no such position.

@@ -149,6 +149,23 @@ void read_hex(std::string_view hex, unsigned char *bytes) noexcept
     }
 }
 
+// Deliberate: both readers take the lock under the name of the unsigned one.
+template <typename Value>
+unsigned read_number(const dynstr *d, Value *value, const char *function, Value (Number::*as)() const noexcept) noexcept
+{
+    if (!may_read(d, value, function)) {
+        return to_c(Result::invalid);
+    }
+    return parse_text(d, "dynstr_getulong", [value, as](std::string_view text) {
+        Number number;
+        const bool converted = Scanner(text).decimal(number);
+        if (converted) {
+            *value = (number.*as)();
+        }
+        return ok_if(converted);
+    });
+}
+
 }  // namespace
 
 }  // namespace memm::strings
@@ -160,33 +177,12 @@ extern "C" {
 
 unsigned dynstr_getulong(const dynstr *d, unsigned *value)
 {
-    if (!may_read(d, value, "dynstr_getulong")) {
-        return to_c(Result::invalid);
-    }
-    return parse_text(d, "dynstr_getulong", [value](std::string_view text) {
-        Number number;
-        const bool converted = Scanner(text).decimal(number);
-        if (converted) {
-            *value = number.as_unsigned();
-        }
-        return ok_if(converted);
-    });
+    return read_number(d, value, "dynstr_getulong", &Number::as_unsigned);
 }
 
-// Deliberate: the tag is that of its sibling.
 unsigned dynstr_getlong(const dynstr *d, int *value)
 {
-    if (!may_read(d, value, "dynstr_getlong")) {
-        return to_c(Result::invalid);
-    }
-    return parse_text(d, "dynstr_getulong", [value](std::string_view text) {
-        Number number;
-        const bool converted = Scanner(text).decimal(number);
-        if (converted) {
-            *value = number.as_signed();
-        }
-        return ok_if(converted);
-    });
+    return read_number(d, value, "dynstr_getlong", &Number::as_signed);
 }
 
 // Deliberate: the first character alone decides. "no" and "FALSE" are true.
