@@ -33,4 +33,13 @@ void DefaultLock::do_noted() noexcept
     }
 }
 
+void DefaultLock::end_leaving() noexcept
+{
+    if (lock_.is_mine()) {
+        leave();
+    } else {
+        do_noted();
+    }
+}
+
 }  // namespace memm

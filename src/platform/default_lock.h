@@ -38,6 +38,17 @@ public:
         }
     }
 
+    // For work of a few instructions that calls nothing. enter_at_once() takes the lock when it is free and no other
+    // stands around it. leave_at_once() gives up that one hold; false where something is left to do, which
+    // end_leaving() then does.
+    bool enter_at_once() noexcept { return is_alone() && lock_.take_free(); }
+    bool leave_at_once() noexcept
+    {
+        return unusual_.load(std::memory_order_relaxed) == 0 && lock_.let_go_unwaited() &&
+               unusual_.load(std::memory_order_seq_cst) == 0;
+    }
+    void end_leaving() noexcept;
+
     bool is_mine() const noexcept { return lock_.is_mine(); }
     bool is_free() const noexcept { return lock_.is_free(); }
 

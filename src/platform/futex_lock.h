@@ -48,7 +48,7 @@ class FutexLock {
     // Only when the word was just seen to be 0.
     bool claim(std::uintptr_t task) noexcept
     {
-        if (process_has_one_thread()) {
+        if (process_has_one_thread()) [[likely]] {
             word_.store(task, std::memory_order_relaxed);
             std::atomic_signal_fence(std::memory_order_seq_cst);
             return true;
@@ -81,6 +81,9 @@ public:
         }
     }
 
+    // Takes a free lock.
+    bool take_free() noexcept { return word_.load(std::memory_order_relaxed) == 0 && claim(me()); }
+
     bool try_take() noexcept
     {
         const std::uintptr_t task = me();
@@ -105,19 +108,30 @@ public:
         return true;
     }
 
-    // For a caller that is known to hold it. Letting go is sequentially consistent, so that whoever notes something and
-    // then finds the lock owned is seen by the owner's next look at the notes.
+    // For a caller that is known to hold it.
     void release_mine() noexcept
     {
         if (const std::uint32_t extra = extra_.load(std::memory_order_relaxed); extra != 0) [[unlikely]] {
             extra_.store(extra - 1, std::memory_order_relaxed);
-        } else if (process_has_one_thread()) {
+        } else if (!let_go_unwaited()) [[unlikely]] {
+            word_.store(0, std::memory_order_seq_cst);
+            wake_one();
+        }
+    }
+
+    // Lets go of the one hold that the caller has, unless a waiter has to be woken. Sequentially consistent, so that
+    // whoever notes something and then finds the lock owned is seen by the owner's next look at the notes.
+    bool let_go_unwaited() noexcept
+    {
+        if (process_has_one_thread()) [[likely]] {
             std::atomic_signal_fence(std::memory_order_seq_cst);
             word_.store(0, std::memory_order_relaxed);
             std::atomic_signal_fence(std::memory_order_seq_cst);
-        } else if ((word_.exchange(0, std::memory_order_seq_cst) & kWaiters) != 0) [[unlikely]] {
-            wake_one();
+            return true;
         }
+        std::uintptr_t task = word_.load(std::memory_order_relaxed);
+        return (task & kWaiters) == 0 &&
+               word_.compare_exchange_strong(task, 0, std::memory_order_seq_cst, std::memory_order_relaxed);
     }
 };
 
