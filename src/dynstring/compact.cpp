@@ -136,7 +136,9 @@ class Compaction {
         --pool_.cnt[buffer_];
         ++freed_records_;
         if (ObjectHeader::of_slot(slot).extra_refs() == 0) {
-            finish_release(held_, records_, slot);
+            if (!finish_release_at_once(held_, records_, slot)) {
+                finish_release(held_, records_, slot);
+            }
         } else {
             set_size(record, 0);
             static_cast<void>(release(held_, &record));

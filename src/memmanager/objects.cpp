@@ -167,8 +167,8 @@ bool has_say_in_release(const Pool &pool) noexcept
     return pool.options.release_cb != nullptr || pool.options.release2_cb != nullptr;
 }
 
-// Others hold the object too, or its pool has a say in the release.
-[[gnu::noinline]] Result release_shared(Held held, const PoolAid &aid, void *object) noexcept
+// Others may hold the object too, and its pool may have a say in the release.
+Result release_owned(Held held, const PoolAid &aid, void *object) noexcept
 {
     unsigned char *const slot = slot_of(object);
     const ObjectHeader header = ObjectHeader::of_slot(slot);
@@ -194,35 +194,31 @@ bool has_say_in_release(const Pool &pool) noexcept
     return Result::ok;
 }
 
-// The pool of an object whose release asks nobody: it has one holder, belongs to the pool of the one before, and that
-// has no say. Null elsewhere. Descriptors cannot be released.
-[[gnu::always_inline]] inline const PoolAid *plain_owner_of(void *object) noexcept
+// The pool of an object in use, when it is that of the one before and the object has one holder; null elsewhere.
+// Descriptors cannot be released.
+[[gnu::always_inline]] inline const PoolAid *sole_owner_of(void *object) noexcept
 {
     unsigned char *const slot = slot_of(object);
     const auto address = reinterpret_cast<std::uintptr_t>(slot);
     const PoolAid &aid = registry.last_hit();
-    const bool is_plain = aid.holds(address) && aid.is_slot(address) && ObjectHeader::of_slot(slot).is_sole(aid.id) &&
-                          aid.is_ordinary && slot <= aid.pool->last_used && !has_say_in_release(*aid.pool);
-    return is_plain ? &aid : nullptr;
+    const bool is_sole = aid.holds(address) && aid.is_slot(address) && ObjectHeader::of_slot(slot).is_sole(aid.id) &&
+                         aid.is_ordinary && slot <= aid.pool->last_used;
+    return is_sole ? &aid : nullptr;
 }
 
 }  // namespace
 
 Result release(Held held, void *object) noexcept
 {
-    const PoolAid *aid = plain_owner_of(object);
-    if (aid != nullptr) [[likely]] {
-        if (!finish_release_at_once(held, *aid, slot_of(object))) {
-            finish_release(held, *aid, slot_of(object));
+    const PoolAid *aid = sole_owner_of(object);
+    if (aid == nullptr) {
+        aid = owner_of(object);
+        if (aid == nullptr || aid->id == PoolId::descriptors || slot_of(object) > aid->pool->last_used) {
+            report_invalid(object);
+            return Result::ok;
         }
-        return Result::ok;
     }
-    aid = owner_of(object);
-    if (aid == nullptr || aid->id == PoolId::descriptors || slot_of(object) > aid->pool->last_used) {
-        report_invalid(object);
-        return Result::ok;
-    }
-    return release_shared(held, *aid, object);
+    return release_owned(held, *aid, object);
 }
 
 namespace {
@@ -241,7 +237,7 @@ namespace {
     if (object == nullptr && aid != nullptr) {
         object = allocate_elsewhere(Held::by_caller(), *aid);
     }
-    default_lock.end_leaving();
+    default_lock.leave_at_length();
     return object;
 }
 
@@ -251,10 +247,13 @@ namespace {
     return release(lock.held(), object);
 }
 
-[[gnu::noinline]] Result end_release(bool released, void *object) noexcept
+[[gnu::noinline]] Result end_release(bool released, const PoolAid *aid, void *object) noexcept
 {
-    const Result result = released ? Result::ok : release(Held::by_caller(), object);
-    default_lock.end_leaving();
+    const Held held = Held::by_caller();
+    const Result result = released         ? Result::ok
+                          : aid != nullptr ? release_owned(held, *aid, object)
+                                           : release(held, object);
+    default_lock.leave_at_length();
     return result;
 }
 
@@ -306,9 +305,10 @@ int memm_free(void *obj)
     if (!default_lock.enter_at_once()) [[unlikely]] {
         return to_int(release_at_length(obj));
     }
-    const PoolAid *const aid = plain_owner_of(obj);
-    const bool released = aid != nullptr && finish_release_at_once(Held::by_caller(), *aid, slot_of(obj));
-    return to_int(released && default_lock.leave_at_once() ? Result::ok : end_release(released, obj));
+    const PoolAid *const aid = sole_owner_of(obj);
+    const bool released = aid != nullptr && !has_say_in_release(*aid->pool) &&
+                          finish_release_at_once(Held::by_caller(), *aid, slot_of(obj));
+    return to_int(released && default_lock.leave_at_once() ? Result::ok : end_release(released, aid, obj));
 }
 
 int memm_free_nolock(void *obj)

@@ -155,8 +155,11 @@ unsigned char *highest_used_from(const PoolAid &aid, unsigned char *slot) noexce
 
 }  // namespace
 
-void finish_release(Held, const PoolAid &aid, unsigned char *slot) noexcept
+void finish_release(Held held, const PoolAid &aid, unsigned char *slot) noexcept
 {
+    if (finish_release_at_once(held, aid, slot)) [[likely]] {
+        return;
+    }
     Pool &pool = *aid.pool;
     add(pool.free_count, 1);
     add(pool.cur_count, -1);

@@ -33,11 +33,16 @@ void DefaultLock::do_noted() noexcept
     }
 }
 
-void DefaultLock::end_leaving() noexcept
+// A caller without a hold has left already, but for what was noted meanwhile, or never was inside.
+void DefaultLock::leave_at_length() noexcept
 {
     if (lock_.is_mine()) {
-        leave();
-    } else {
+        if (has_notes()) {
+            settle_notes();
+        }
+        lock_.release_mine();
+    }
+    if (has_notes()) {
         do_noted();
     }
 }

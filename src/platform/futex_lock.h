@@ -66,19 +66,22 @@ public:
     bool is_free() const noexcept { return word_.load(std::memory_order_seq_cst) == 0; }
     bool is_mine() const noexcept { return owned_by(word_.load(std::memory_order_relaxed), me()); }
     bool is_nested() const noexcept { return extra_.load(std::memory_order_relaxed) != 0; }
+    // The caller's, and no waiter sleeps.
+    bool is_mine_unwaited() const noexcept { return word_.load(std::memory_order_relaxed) == me(); }
 
     void take() noexcept
     {
         const std::uintptr_t task = me();
         const std::uintptr_t seen = word_.load(std::memory_order_relaxed);
-        if (seen == 0 && claim(task)) [[likely]] {
+        if (seen == 0) [[likely]] {
+            if (claim(task)) [[likely]] {
+                return;
+            }
+        } else if (owned_by(seen, task)) {
+            nest();
             return;
         }
-        if (owned_by(seen, task)) {
-            nest();
-        } else {
-            wait_and_take(nullptr);
-        }
+        wait_and_take(nullptr);
     }
 
     // Takes a free lock.
@@ -111,12 +114,21 @@ public:
     // For a caller that is known to hold it.
     void release_mine() noexcept
     {
-        if (const std::uint32_t extra = extra_.load(std::memory_order_relaxed); extra != 0) [[unlikely]] {
-            extra_.store(extra - 1, std::memory_order_relaxed);
-        } else if (!let_go_unwaited()) [[unlikely]] {
+        if (!unnest() && !let_go_unwaited()) [[unlikely]] {
             word_.store(0, std::memory_order_seq_cst);
             wake_one();
         }
+    }
+
+    // Drops one of several holds that the caller has; false, and nothing happens, when it has one.
+    bool unnest() noexcept
+    {
+        const std::uint32_t extra = extra_.load(std::memory_order_relaxed);
+        if (extra == 0) {
+            return false;
+        }
+        extra_.store(extra - 1, std::memory_order_relaxed);
+        return true;
     }
 
     // Lets go of the one hold that the caller has, unless a waiter has to be woken. Sequentially consistent, so that
