@@ -14,19 +14,10 @@ namespace {
 
 using namespace bench;
 
-int id_or_exit(int id)
-{
-    if (id < 0) {
-        std::fprintf(stderr, "bench: no pool\n");
-        std::exit(1);
-    }
-    return id;
-}
-
 int node_pool()
 {
-    static const int id = id_or_exit(llist_initpool("nodes", 400'000, sizeof(llist), nullptr));
-    return id;
+    static const unsigned id = id_or_exit(llist_initpool("nodes", 400'000, sizeof(llist), nullptr));
+    return static_cast<int>(id);
 }
 
 std::string with_commas(std::size_t count)
@@ -230,8 +221,8 @@ int string_pool(std::size_t count)
     static std::map<std::size_t, int> pools;
     const auto [place, is_new] = pools.try_emplace(count, 0);
     if (is_new) {
-        place->second =
-            id_or_exit(dynstr_initpool2("", static_cast<int>(8 * count), static_cast<unsigned>(400 * count), 2));
+        place->second = static_cast<int>(
+            id_or_exit(dynstr_initpool2("", static_cast<int>(8 * count), static_cast<unsigned>(400 * count), 2)));
     }
     return place->second;
 }

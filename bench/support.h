@@ -1,7 +1,6 @@
 #pragma once
 
-#include <memmanager/lock.h>
-#include <memmanager/memmanager.h>
+#include "process.h"
 
 #include <benchmark/benchmark.h>
 
@@ -32,31 +31,6 @@
 // The C library drops its locks while a process has one thread and does not come back to that reliably. So every
 // program runs either way as a process of its own: with --second-thread another thread is parked from the start.
 namespace bench {
-
-// ---- random numbers: the same sequence in every run ----
-
-class Random {
-    std::uint64_t state_;
-
-public:
-    explicit Random(std::uint64_t seed) : state_(seed * 0x9e3779b97f4a7c15U + 1) {}
-
-    std::uint32_t next()
-    {
-        state_ ^= state_ << 13;
-        state_ ^= state_ >> 7;
-        state_ ^= state_ << 17;
-        return static_cast<std::uint32_t>(state_ >> 32);
-    }
-    std::size_t below(std::size_t limit) { return static_cast<std::size_t>(next()) * limit >> 32; }
-
-    template <class T> void shuffle(std::vector<T> &items)
-    {
-        for (std::size_t i = items.size(); i > 1; i--) {
-            std::swap(items[i - 1], items[below(i)]);
-        }
-    }
-};
 
 // ---- jobs and goals ----
 
@@ -291,24 +265,6 @@ void add_allocators(const std::string &job, std::size_t size, std::size_t count,
 }
 
 // ---- the program ----
-
-// Blocks in the kernel for ever.
-inline void park_a_thread()
-{
-    static std::mutex gate;
-    gate.lock();
-    std::thread([] { gate.lock(); }).detach();
-}
-
-inline void start_library()
-{
-    if (memm_init(64, 16) != MEMM_OK) {
-        std::fprintf(stderr, "bench: the manager does not start\n");
-        std::exit(1);
-    }
-    memm_set_trace(0);
-    lock_settrace("", 0);
-}
 
 template <class Register> int run_program(int argc, char **argv, Register register_jobs)
 {
