@@ -54,7 +54,7 @@ inline unsigned id_or_exit(int id)
 
 inline void start_library()
 {
-    if (memm_init(128, 32) != MEMM_OK) {
+    if (memm_init(200, 32) != MEMM_OK) {
         give_up("the manager does not start");
     }
     memm_set_trace(0);
