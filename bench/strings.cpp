@@ -301,7 +301,7 @@ template <class Rival> void add_growth(std::size_t count)
         });
 }
 
-void add_growths()
+void register_growth()
 {
     for (const std::size_t count : {1'000U, 100'000U, 1'000'000U}) {
         add_growth<Ours>(count);
@@ -791,7 +791,6 @@ void register_jobs()
     add_hexadecimal();
     add_compactions();
     if (!second_thread) {  // the same with several
-        add_growths();
         add_footprints();
     }
 }
@@ -816,5 +815,5 @@ int main(int argc, char **argv)
     if (argc == 5 && std::string_view(argv[1]) == "--footprint") {
         return run_footprint(argv + 2);
     }
-    return run_program(argc, argv, register_jobs);
+    return run_program(argc, argv, register_jobs, register_growth);
 }

@@ -31,7 +31,9 @@
 // ends in ": 1,000 slots" (records, nodes, items), so that the same job shows how its cost grows.
 //
 // The C library drops its locks while a process has one thread and does not come back to that reliably. So every
-// program runs either way as a process of its own: with --second-thread another thread is parked from the start.
+// program runs either way as a process of its own: with --second-thread another thread is parked from the start. The
+// largest jobs, which only show how a cost grows, leave the heap in pieces that other jobs' rivals would have to live
+// with: they run in a third process, with --growth.
 namespace bench {
 
 // ---- jobs and goals ----
@@ -319,7 +321,8 @@ void add_allocators(const std::string &job, std::size_t size, std::size_t count,
 
 // ---- the program ----
 
-template <class Register> int run_program(int argc, char **argv, Register register_jobs)
+inline int run_program(
+    int argc, char **argv, void (*register_jobs)(), void (*register_growth)() = [] {})
 {
     char interleaved[] = "--benchmark_enable_random_interleaving=true";
     char repetitions[] = "--benchmark_repetitions=9";
@@ -327,6 +330,8 @@ template <class Register> int run_program(int argc, char **argv, Register regist
     for (int i = 1; i < argc; i++) {
         if (std::string_view(argv[i]) == "--second-thread") {
             second_thread = true;
+        } else if (std::string_view(argv[i]) == "--growth") {
+            register_jobs = register_growth;
         } else {
             arguments.push_back(argv[i]);
         }
