@@ -397,6 +397,8 @@ int string_pool(std::size_t count)
     return place->second;
 }
 
+constexpr std::size_t kWhole = 32;  // bytes, more than any item has; as many may be read behind a text
+
 const std::string &text_of(std::size_t count)
 {
     static std::map<std::size_t, std::string> texts;
@@ -406,6 +408,7 @@ const std::string &text_of(std::size_t count)
         for (std::size_t i = 0; i < count; i++) {
             text += (i == 0 ? "" : ",") + std::string(4 + random.below(24), static_cast<char>('a' + random.below(26)));
         }
+        text.reserve(text.size() + kWhole);
     }
     return text;
 }
@@ -471,11 +474,12 @@ std::vector<std::string_view> parts_of(std::string_view text)
     return parts;
 }
 
+// No item is longer than kWhole, and as many bytes are copied of each: the next one overwrites what is too much.
 bool join_into_room(const std::vector<std::string_view> &items)
 {
     char *end = plain_room.data();
     for (const std::string_view item : items) {
-        std::memcpy(end, item.data(), item.size());
+        std::memcpy(end, item.data(), kWhole);
         end += item.size();
         *end++ = ',';
     }
@@ -530,7 +534,7 @@ void add_join(std::size_t count)
         return true;
     });
 #endif
-    plain_room.resize(std::max(plain_room.size(), text_of(count).size() + 1));
+    plain_room.resize(std::max(plain_room.size(), text_of(count).size() + kWhole));
     add_per_item(job, kMinimum, count,
                  [parts = parts_of(text_of(count))](std::size_t) { return join_into_room(parts); });
 }
