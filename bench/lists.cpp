@@ -7,7 +7,6 @@
 #include <forward_list>
 #include <memory>
 #include <memory_resource>
-#include <numeric>
 
 #include <glib.h>
 

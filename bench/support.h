@@ -13,8 +13,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
