@@ -26,12 +26,13 @@ std::size_t written_bytes;
 
 struct RealPath {
     char text[256] = "";
-    bool is_diverted = false;
+    bool is_dump = false, is_diverted = false;
 
     explicit RealPath(const char *name)
     {
         for (const char *prefix : {"/etc/config/", "/tmp/memm_dump_", "/var/tmp/memm_"})
-            is_diverted = is_diverted || (*folder != '\0' && std::strncmp(name, prefix, std::strlen(prefix)) == 0);
+            is_dump = is_dump || std::strncmp(name, prefix, std::strlen(prefix)) == 0;
+        is_diverted = is_dump && *folder != '\0';
         const std::size_t lead = is_diverted ? std::strlen(folder) : 0;
         std::memcpy(text, folder, lead);
         std::strncpy(text + lead, name, sizeof text - lead - 1);
@@ -94,6 +95,10 @@ int open(const char *name, int flags, ...)
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     const RealPath path(name);
+    if (path.is_dump && file_faults.open_error != 0) {
+        errno = file_faults.open_error;
+        return -1;
+    }
     const int file = openat(AT_FDCWD, path.text, flags, mode);
     if (file >= 0 && path.is_diverted && (flags & O_ACCMODE) == O_WRONLY) {
         dump_file = file;
