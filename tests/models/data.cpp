@@ -2,6 +2,7 @@
 #include "dyndata/area.h"
 #include "models/family.h"
 #include "support/file_calls.h"
+#include "support/pools.h"
 
 #include <memmanager/dyndata.h>
 
@@ -9,7 +10,6 @@
 #include <cerrno>
 #include <list>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -126,14 +126,6 @@ class Trial {
         found.same(handle == nullptr ? -1 : memm_getindex(handle), fits ? memm_getindex(object->twin) : -1, "created");
         if (!fits)
             release(object);
-    }
-
-    static auto figures(unsigned id)
-    {
-        const memm_pool &pool = *memm_get_pool_nolock(id);
-        return std::tuple(pool.cur_count, pool.max_count, pool.free_count, pool.scan_steps, pool.flags, pool.refs,
-                          pool.max_refs, pool.first_free - pool.slots, pool.last_used - pool.slots,
-                          std::vector(pool.alloc_count, pool.alloc_count + MEMM_PATHS));
     }
 
 public:
