@@ -86,6 +86,8 @@ int open(const char *name, int flags, ...)
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     const RealPath path(name);
+    if (path.is_own && file_faults.open_error != 0)
+        return errno = file_faults.open_error, -1;
     if (fault_on(path.is_own, Op::open) != 0)
         return -1;
     const int file = openat(AT_FDCWD, path.text, flags, mode);

@@ -24,4 +24,8 @@ public:
 std::string content_of(const std::string &path);  // "-" when there is no such file
 void write_file(const std::string &path, const std::string &content);
 
+inline struct {
+    int open_error = 0;
+} file_faults;  // whatever fault() says, and without a folder too
+
 extern std::atomic<unsigned> dumps_opened;  // how often a dump file was opened for writing
