@@ -1,7 +1,5 @@
 #include "data_pool.h"
 
-#include <functional>
-
 namespace {
 
 const std::string kForeign = ": obj isn't a dyndata element\r\n";
@@ -179,35 +177,6 @@ TEST(data_buffers, that_were_written_over_lead_nowhere_outside_of_the_area)
                 dyndata_free(rest);
             }
         }
-    }
-}
-
-TEST(data_buffers, take_the_lock_under_the_names_of_their_calls)
-{
-    const DataPool pool("tags", 5, 100);
-    dyndata *const first = pool.make("abc"), *const object = pool.make("def");
-    const unsigned id = pool.id();
-    const std::vector<std::pair<std::string, std::function<void()>>> cases = {
-        {"", [=] { dyndata_isdyndata(object); }},
-        {"", [=] { dyndata_getmaxsize(object); }},
-        {"", [=] { dyndata_setmaxsize(object, 50); }},
-        {"", [=] { dyndata_getdatasize(object); }},
-        {"", [=] { dyndata_isdyndata_equal(object, first); }},
-        {"", [=] { dyndata_isdyndata_equal2(object, "def", 3); }},
-        {"", [=] { dyndata_adddata(object, nullptr, 3); }},
-        {"dyndata_initpool", [=] { dyndata_initpool("more", 1, 1); }},
-        {"dyndata_getdata", [=] { dyndata_getdata(nullptr); }},
-        {"memm_calloc", [=] { dyndata_calloc_maxsize(id, 5); }},
-        {"memm_refalloc", [=] { dyndata_refalloc(first); }},
-        {"memm_free", [=] { dyndata_free(first); }},
-        {"dyndata_setdata", [=] { dyndata_setdata(object, "x", 1); }},
-        {"dyndata_adddata", [=] { dyndata_adddata(first, "x", 1); }},
-        {"dyndata_fromdata", [=] { dyndata_fromdata(id, "x", 1); }},
-    };
-    for (const auto &[tag, call] : cases) {
-        recorder().take_tags();
-        call();
-        EXPECT_EQ(recorder().take_tags(), std::vector<std::string>(tag.empty() ? 0 : 1, tag));
     }
 }
 

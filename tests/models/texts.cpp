@@ -199,7 +199,7 @@ class Trial {
 
         const int index = in.within(-1, 5), size = static_cast<int>(model.size());
         const bool is_there = index < size && (index >= 0 || size > 0);
-        const auto one = model.begin() + (index < 0 ? size - 1 : std::min(index, size));
+        const auto one = model.begin() + (is_there ? (index < 0 ? size - 1 : index) : 0);
         const unsigned expected = is_there ? 0 : MEMM_E_INVALID;
         same(strpairlist_setfirststring_at(list, "k", index), expected, "setfirststring_at");
         same(strpairlist_setsecondstring_at(list, "v", index), expected, "setsecondstring_at");
