@@ -19,6 +19,14 @@ std::string checked(const SmallPool &pool, int verbose, int expected)
     return recorder().take_debug();
 }
 
+#define DAMAGE(statement)                                                                                              \
+    []([[maybe_unused]] TextPool &pool, [[maybe_unused]] dynstr &one, [[maybe_unused]] dynstr &two,                    \
+       [[maybe_unused]] dynstr &three) { statement; }
+struct Damage {
+    void (*make)(TextPool &pool, dynstr &one, dynstr &two, dynstr &three);
+    std::string expected;
+};
+
 std::string address(const dynstr *record) { return text("%08lx", reinterpret_cast<unsigned long>(record->str)); }
 
 TEST(print_hook, shows_fields_and_the_first_47_characters)
@@ -147,79 +155,55 @@ TEST(integrity_check, names_every_fault)
     const std::string order = "\r\n  - E: next->str >= curr->str, ", no_next = "\r\n  - E: !next && last != curr, ",
                       used = "\r\n  - E: buffer 0 used bytes doesn't match last dynstr, ",
                       literal = "\r\n  - E: literal pstr found, ";
-    struct Case {
-        void (*damage)(TextPool &pool, dynstr &one, dynstr &two, dynstr &six);
-        std::string expected;
+    const Damage cases[] = {
+        {DAMAGE(pool.first[0] = nullptr), "\r\n  - E: buffer 0 has no first dynstr but has used bytes, "},
+        {DAMAGE(pool.last[0] = nullptr), "\r\n  - E: buffer 0 has no last dynstr but has used bytes, " + no_next},
+        {DAMAGE(++pool.used[0]), used},
+        {DAMAGE(pool.used[0] = 0), used},
+        {DAMAGE(one.prev = &two), "\r\n  - E: first has nonzero prev, "},
+        {DAMAGE(two.info += 5), "\r\n  - E: DYNSTR_SIZE(9) != strlen+1(4, 'two'), "},
+        {DAMAGE(--three.info), used + "\r\n  - E: DYNSTR_SIZE(3) != strlen+1(4, '*DELETED_DYNSTR*'), "},
+        {DAMAGE(two.prev = nullptr), "\r\n  - E: next->prev != curr, "},
+        {DAMAGE(two.info |= 1U << 27), "\r\n  - E: curr has wrong buffernr, "},
+        {DAMAGE(two.info |= 1U << 31), literal},
+        {DAMAGE(two.str = nullptr), order + "\r\n  - E: DYNSTR_SIZE(4) != strlen+1(0, ''), " + literal},
+        {DAMAGE(one.str = two.str), order},
+        {DAMAGE(one.next = nullptr), no_next},
     };
-    const Case cases[] = {
-        {[](TextPool &pool, dynstr &, dynstr &, dynstr &) { pool.first[0] = nullptr; },
-         "\r\n  - E: buffer 0 has no first dynstr but has used bytes, "},
-        {[](TextPool &pool, dynstr &, dynstr &, dynstr &) { pool.last[0] = nullptr; },
-         "\r\n  - E: buffer 0 has no last dynstr but has used bytes, " + no_next},
-        {[](TextPool &pool, dynstr &, dynstr &, dynstr &) { ++pool.used[0]; }, used},
-        {[](TextPool &pool, dynstr &, dynstr &, dynstr &) { pool.used[0] = 0; }, used},
-        {[](TextPool &, dynstr &one, dynstr &two, dynstr &) { one.prev = &two; },
-         "\r\n  - E: first has nonzero prev, "},
-        {[](TextPool &, dynstr &, dynstr &two, dynstr &) { two.info += 5; },
-         "\r\n  - E: DYNSTR_SIZE(9) != strlen+1(4, 'two'), "},
-        {[](TextPool &, dynstr &, dynstr &, dynstr &six) { --six.info; },
-         used + "\r\n  - E: DYNSTR_SIZE(3) != strlen+1(4, '*DELETED_DYNSTR*'), "},
-        {[](TextPool &, dynstr &, dynstr &two, dynstr &) { two.prev = nullptr; }, "\r\n  - E: next->prev != curr, "},
-        {[](TextPool &, dynstr &, dynstr &two, dynstr &) { two.info |= 1U << 27; },
-         "\r\n  - E: curr has wrong buffernr, "},
-        {[](TextPool &, dynstr &, dynstr &two, dynstr &) { two.info |= 1U << 31; }, literal},
-        {[](TextPool &, dynstr &, dynstr &two, dynstr &) { two.str = nullptr; },
-         order + "\r\n  - E: DYNSTR_SIZE(4) != strlen+1(0, ''), " + literal},
-        {[](TextPool &, dynstr &one, dynstr &two, dynstr &) { one.str = two.str; }, order},
-        {[](TextPool &, dynstr &one, dynstr &, dynstr &) { one.next = nullptr; }, no_next},
-    };
-    for (const Case &c : cases) {
+    for (const Damage &damage : cases) {
         const SmallPool pool;
         dynstr *const one = pool.make("one"), *const two = pool.make("two"), *const six = pool.make("six");
         memm_free(six);
-        c.damage(control_of(pool), *one, *two, *six);
-        EXPECT_EQ(checked(pool, 0, 0), c.expected);
+        damage.make(control_of(pool), *one, *two, *six);
+        EXPECT_EQ(checked(pool, 0, 0), damage.expected);
     }
 }
 
 TEST(compaction, traces_what_does_not_add_up_and_goes_on)
 {
-    struct Case {
-        void (*damage)(TextPool &pool, dynstr &b, dynstr &d);
-        std::string expected;
+    const std::string size = "[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.\r\n",
+                      fixed = "[DYNSTR] WARNING: loc_dynstr_gc fixed wrong ";
+    const Damage cases[] = {
+        {DAMAGE(), ""},
+        {DAMAGE(two.info |= 1U << 27), "[DYNSTR] loc_dynstr_gc next_dynstr has wrong buffernr.\r\n"
+                                       "[DYNSTR] loc_dynstr_gc curr_dynstr has wrong buffernr.\r\n"},
+        {DAMAGE(two.info += 2), size + fixed + "stringsize.\r\n"},
+        {DAMAGE(pool.bufdelbytes[0] = 99), fixed + "total gc'd bytes (99->6).\r\n"},
+        {DAMAGE(pool.bufdelcnt[0] = 7), fixed + "total gc'd dynstr (7->2).\r\n"},
+        {DAMAGE(one.info -= 2; three.str -= 4),
+         size + "[DYNSTR] loc_dynstr_gc dynstr->str sort error.\r\n" + size + fixed + "total gc'd bytes (6->8).\r\n"},
     };
-    const Case cases[] = {
-        {[](TextPool &, dynstr &, dynstr &) {}, ""},
-        {[](TextPool &, dynstr &b, dynstr &) { b.info |= 1U << 27; },
-         "[DYNSTR] loc_dynstr_gc next_dynstr has wrong buffernr.\r\n"
-         "[DYNSTR] loc_dynstr_gc curr_dynstr has wrong buffernr.\r\n"},
-        {[](TextPool &, dynstr &b, dynstr &) { b.info += 2; },
-         "[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.\r\n"
-         "[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.\r\n"},
-        {[](TextPool &pool, dynstr &, dynstr &) { pool.bufdelbytes[0] = 99; },
-         "[DYNSTR] WARNING: loc_dynstr_gc fixed wrong total gc'd bytes (99->6).\r\n"},
-        {[](TextPool &pool, dynstr &, dynstr &) { pool.bufdelcnt[0] = 7; },
-         "[DYNSTR] WARNING: loc_dynstr_gc fixed wrong total gc'd dynstr (7->2).\r\n"},
-        {[](TextPool &pool, dynstr &, dynstr &d) {
-             pool.first[0]->info -= 2;
-             d.str -= 4;
-         },
-         "[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.\r\n"
-         "[DYNSTR] loc_dynstr_gc dynstr->str sort error.\r\n"
-         "[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.\r\n"
-         "[DYNSTR] WARNING: loc_dynstr_gc fixed wrong total gc'd bytes (6->8).\r\n"},
-    };
-    for (const Case &c : cases) {
+    for (const Damage &damage : cases) {
         for (const int level : {1, 0}) {
             const SmallPool pool(100, 1);
-            dynstr *const a = pool.make("aa"), *const b = pool.make("bb"), *const cc = pool.make("cc");
+            dynstr *const a = pool.make("aa"), *const b = pool.make("bb"), *const c = pool.make("cc");
             dynstr *const d = pool.make("dd");
             memm_free(a);
-            memm_free(cc);
-            c.damage(control_of(pool), *b, *d);
+            memm_free(c);
+            damage.make(control_of(pool), *a, *b, *d);
             memm_set_trace(level);
             EXPECT_EQ(hooks_of(pool).gc_cb(&control_of(pool), 0, 0), 1);
-            EXPECT_EQ(recorder().take_trace(), level == 1 ? c.expected : "");
+            EXPECT_EQ(recorder().take_trace(), level == 1 ? damage.expected : "");
             EXPECT_EQ(hooks_of(pool).gc_cb(&control_of(pool), 1, 0), 0) << "each buffer once";
             EXPECT_EQ(pool.control().gctotcnt, 2U);
         }
@@ -229,21 +213,12 @@ TEST(compaction, traces_what_does_not_add_up_and_goes_on)
 TEST(release_hook, explains_what_it_refuses)
 {
     const SmallPool pool;
-    const memm_release_fn release = hooks_of(pool).release_cb;
-    dynstr *const record = pool.make("x");
-    EXPECT_EQ(release(record), MEMM_KEPT);
     int stranger = 0;
-    for (const int level : {1, 0}) {
-        memm_set_trace(level);
-        EXPECT_EQ(release(nullptr), MEMM_E_INVALID);
-        EXPECT_EQ(release(&stranger), MEMM_E_INVALID);
-        EXPECT_EQ(release(record), MEMM_E_INVALID);
-        EXPECT_EQ(recorder().take_trace(), level == 0 ? ""
-                                                      : "[DYNSTR] \"Failed to get buffer nr\"\r\n"
-                                                        "[DYNSTR] \"loc_dynstr_free_ex invalid param\"\r\n"
-                                                        "[DYNSTR] \"loc_dynstr_free_ex invalid param\"\r\n"
-                                                        "[DYNSTR] loc_dynstr_free_ex: dynstr is already freed\r\n");
-    }
+    EXPECT_EQ(hooks_of(pool).release_cb(nullptr), MEMM_E_INVALID);
+    EXPECT_EQ(hooks_of(pool).release_cb(&stranger), MEMM_E_INVALID);
+    EXPECT_EQ(recorder().take_trace(), "[DYNSTR] \"Failed to get buffer nr\"\r\n"
+                                       "[DYNSTR] \"loc_dynstr_free_ex invalid param\"\r\n"
+                                       "[DYNSTR] \"loc_dynstr_free_ex invalid param\"\r\n");
 }
 
 }  // namespace

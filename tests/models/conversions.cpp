@@ -1,4 +1,4 @@
-// Texts into values, against sscanf and inet_aton; values into texts, against the text that formatted output makes.
+// Texts into values, against sscanf and inet_aton; values into texts and back.
 #include "models/family.h"
 
 #include <memmanager/dynstring.h>
@@ -10,6 +10,8 @@
 #include <cctype>
 #include <climits>
 #include <cstring>
+#include <sstream>
+#include <vector>
 
 namespace {
 
@@ -26,10 +28,12 @@ struct Outcome {
     }
 };
 
-struct Reader {
+struct Conversion {
     const char *name;
-    unsigned (*call)(const dynstr *, unsigned char *);
+    unsigned bytes;  // of a value, that come back when they have been written
+    unsigned (*read)(const dynstr *, unsigned char *);
     void (*model)(Outcome &, const std::string &text);
+    unsigned (*write)(dynstr *, const unsigned char *value);
 };
 
 template <auto read, typename Value = unsigned> unsigned call(const dynstr *d, unsigned char *out)
@@ -99,43 +103,37 @@ void hex(Outcome &outcome, const std::string &text)
         outcome.code = MEMM_E_TOO_SMALL;
 }
 
-constexpr Reader kReaders[] = {
-    {"getulong", call<dynstr_getulong>, number<unsigned>},
-    {"getlong", call<dynstr_getlong, int>, number<int>},
-    {"getbool", call<dynstr_getbool>, flag},
-    {"getipaddr", call<dynstr_getipaddr>, address},
-    {"getmacaddr", dynstr_getmacaddr, mac},
-    {"getutcdatetime", call<dynstr_getutcdatetime>, date},
-    {"gethexstring", [](auto *d, auto *out) { return dynstr_gethexstring(d, out, 2); }, hex},
+unsigned word(const unsigned char *value)
+{
+    unsigned word = 0;
+    std::memcpy(&word, value, sizeof word);
+    return word;
+}
+
+#define WRITE(expression) [](dynstr *d, const unsigned char *v) { return expression; }
+
+constexpr Conversion kConversions[] = {
+    {"ulong", 4, call<dynstr_getulong>, number<unsigned>, WRITE(dynstr_setulong(d, word(v)))},
+    {"long", 4, call<dynstr_getlong, int>, number<int>, WRITE(dynstr_setlong(d, static_cast<int>(word(v))))},
+    {"bool", 0, call<dynstr_getbool>, flag, WRITE(dynstr_setbool(d, *v))},
+    {"ipaddr", 4, call<dynstr_getipaddr>, address, WRITE(dynstr_setipaddr(d, word(v)))},
+    {"macaddr", 6, dynstr_getmacaddr, mac, WRITE(dynstr_setmacaddr(d, v))},
+    {"utcdatetime", 4, call<dynstr_getutcdatetime>, date, WRITE(dynstr_setutcdatetime(d, word(v)))},
+    {"hexstring", 2, [](auto *d, auto *to) { return dynstr_gethexstring(d, to, 2); }, hex,
+     WRITE(dynstr_sethexstring(d, v, 2))},
 };
 
 // What is nearly right.
-constexpr const char *kTexts[] = {"",
-                                  "7",
-                                  "+42x",
-                                  "\t\n\v\f\r -7",
-                                  "010",
-                                  "0x10",
-                                  "2147483647",
-                                  "-2147483649",
-                                  "4294967296",
-                                  "-4294967295",
-                                  "18446744073709551617",
-                                  "-99999999999999999999999",
-                                  "false",
-                                  "192.168.1.2",
-                                  "0x0a.010.2.3 x",
-                                  "1.2.3.4.5",
-                                  "001122aAbBfF",
-                                  "00x11-22.33\x85 4 55",
-                                  "1:2:3:4:5:6------",
-                                  "1 2 3 4 5 6 ",
-                                  "00:11:22:aa:bb:cc",
-                                  "0001-01-01T00:00:00Z",
-                                  " 1970-1- 1T0: 0:1",
-                                  "2106-02-07T06:28:16Z",
-                                  "2024-02-30T25:61:61Z",
-                                  "0a1F"};
+const std::vector<std::string> kTexts = [] {
+    std::vector<std::string> all;
+    std::istringstream texts("|7|+42x|\t\n\v\f\r -7|010|0x10|2147483647|-2147483649|4294967296|-4294967295|0a1F|false|"
+                             "18446744073709551617|-99999999999999999999999|192.168.1.2|0x0a.010.2.3 x|1.2.3.4.5|"
+                             "001122aAbBfF|00x11-22.33\x85 4 55|1:2:3:4:5:6------|1 2 3 4 5 6 |00:11:22:aa:bb:cc|"
+                             "0001-01-01T00:00:00Z| 1970-1- 1T0: 0:1|2106-02-07T06:28:16Z|2024-02-30T25:61:61Z");
+    for (std::string text; std::getline(texts, text, '|');)
+        all.push_back(text);
+    return all;
+}();
 
 std::string any_text(Stream &in)
 {
@@ -157,63 +155,22 @@ std::string run_family(std::span<const unsigned char> bytes)
     static const int started = memm_init(4, 1);
     static const auto pool = static_cast<unsigned>(dynstr_initpool("texts", 20, 4000));
     static Difference found;
-    const auto write = [](Stream &in, dynstr *string) {
-        unsigned char m[6];
-        std::generate(m, std::end(m), [&in] { return static_cast<unsigned char>(in.next()); });
-        const unsigned value = static_cast<unsigned>(m[0]) << 24 | m[1] << 16 | m[2] << 8 | m[3];
-        const auto signed_value = static_cast<int>(value);
-        char expected[40] = "";
-        unsigned result = 0;
-        switch (const int count = in.within(1, 6); in.below(7)) {
-        case 0:
-            result = dynstr_setulong(string, value);
-            std::snprintf(expected, sizeof expected, "%u", value);
-            break;
-        case 1:
-            result = dynstr_setlong(string, signed_value);
-            std::snprintf(expected, sizeof expected, "%d", signed_value);
-            break;
-        case 2:
-            result = dynstr_setbool(string, signed_value % 3);
-            std::snprintf(expected, sizeof expected, "%d", signed_value % 3 != 0);
-            break;
-        case 3:
-            result = dynstr_setipaddr(string, value);
-            inet_ntop(AF_INET, &value, expected, sizeof expected);
-            break;
-        case 4:
-            result = dynstr_setmacaddr(string, m);
-            std::snprintf(expected, sizeof expected, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4],
-                          m[5]);
-            break;
-        case 5: {
-            const std::time_t seconds = value;
-            std::tm date{};
-            result = dynstr_setutcdatetime(string, value);
-            std::strftime(expected, sizeof expected, value == 0 ? "0001-01-01T00:00:00Z" : "%Y-%m-%dT%H:%M:%SZ",
-                          gmtime_r(&seconds, &date));
-            break;
-        }
-        default:
-            result = dynstr_sethexstring(string, m, count);
-            for (int i = 0; i < count; ++i)
-                std::snprintf(expected + 2 * i, 3, "%02x", m[i]);
-        }
-        found.same(result, 0U, "writing");
-        found.same(std::string(dynstr_getstring(string)), std::string(expected), "written text");
-    };
     for (Stream in(bytes); started == MEMM_OK && !in.is_empty() && found.is_none(); ++operations) {
         const std::string text = any_text(in);
         dynstr *const string = dynstr_fromprintf(pool, "%s", text.c_str());
-        if (in.one_in(3))
-            write(in, string);
+        const Conversion *const written = in.one_in(3) ? &in.one_of(kConversions) : nullptr;
+        unsigned char value[6];
+        std::generate(value, std::end(value), [&in] { return static_cast<unsigned char>(in.next()); });
+        if (written != nullptr)
+            found.same(written->write(string, value), 0U, written->name);
         const std::string held = dynstr_getstring(string);
-        for (const Reader &reader : kReaders) {
+        for (const Conversion &conversion : kConversions) {
             Outcome expected, outcome;
-            reader.model(expected, held);
-            outcome.code = reader.call(string, outcome.bytes.data());
-            found.same(outcome.code, expected.code, reader.name);
-            found.expect(outcome == expected, (reader.name + (" of '" + held + "'")).c_str());
+            conversion.model(expected, held);
+            outcome.code = conversion.read(string, outcome.bytes.data());
+            found.expect(outcome == expected, (conversion.name + (" from '" + held + "'")).c_str());
+            if (&conversion == written)
+                found.same(std::memcmp(outcome.bytes.data(), value, written->bytes), 0, written->name);
         }
         memm_free(string);
     }
