@@ -72,31 +72,6 @@ TEST(string_pool_creation, sizes_records_buffers_and_reserve)
     EXPECT_EQ(dynstr_pool_set_dellist_threshold(2, 5), 0);
 }
 
-TEST(string_pool_creation, survives_a_failure_of_every_block)
-{
-    const SmallPool works;
-    recorder().allow_reports();
-    for (unsigned n = 1; n <= 4; ++n) {
-        const int blocks = control_blocks();
-        recorder().fail_nth(Op::alloc, n, 7, n % 2 == 0 ? Fault::refused : Fault::null_block);
-        ASSERT_EQ(dynstr_initpool2("", 1, 600, 3), -1);
-        EXPECT_EQ(control_blocks(), n > 1 ? blocks : blocks + 1);
-        const auto dead = static_cast<unsigned>(pools() - 1);
-        EXPECT_EQ(memm_get_pool_nolock(dead)->count_base, nullptr);
-        EXPECT_EQ(memm_get_pool_nolock(dead)->spare_flag, nullptr);
-        EXPECT_EQ(dynstr_fromstring(dead, "x"), nullptr);
-        if (n > 1) {  // what is left of it is no string pool, and can be reported and run dry
-            void *const record = memm_calloc_nolock_nogc(dead);
-            EXPECT_EQ(dynstr_setstring(static_cast<dynstr *>(record), "x"), MEMM_E_INVALID);
-            EXPECT_EQ(memm_free(record), MEMM_E_SETUP);
-            EXPECT_EQ(memm_calloc(dead), nullptr);
-        }
-        memm_print_stats(nullptr);
-        memm_print_objects(nullptr);
-    }
-    EXPECT_STREQ(dynstr_getstring(works.make("fine")), "fine");
-}
-
 TEST(string_module, can_be_started_again_when_its_first_start_failed)
 {
     recorder().fail_nth(Op::alloc, 2, 7, Fault::refused, 2);

@@ -213,7 +213,8 @@ class Trial {
 
     // --- what the calls do; those that make a record answer its number or -1 ---
 
-    unsigned assign(int d, const Source &source, std::int64_t offset, std::int64_t length)
+    // Less than the least length makes no text; printed ones are texts always.
+    unsigned assign(int d, const Source &source, std::int64_t offset, std::int64_t length, std::int64_t least = 1)
     {
         if (!is_string(d) || !source.is_given || offset < 0)
             return kInvalid;
@@ -222,7 +223,7 @@ class Trial {
         if (stand_by < 0)
             return kNoMemory;
         const auto end = static_cast<std::int64_t>(all.size()), requested = length < 0 ? end - offset : length;
-        if (!source.text.has_value() || offset > end || requested < 1)
+        if (!source.text.has_value() || offset > end || requested < least)
             return finish(d, stand_by, 0);
         auto size = static_cast<std::uint64_t>(requested) + 1;
         if (const unsigned max = at(stand_by).max; max != 0 && size > max)
@@ -261,15 +262,7 @@ class Trial {
         return finish(d, stand_by, place(d, all, all.size(), outside));
     }
 
-    unsigned print(int d, const std::string &text)
-    {
-        const int stand_by = set_aside(d);
-        if (stand_by < 0)
-            return kNoMemory;
-        const unsigned max = at(stand_by).max;
-        const std::string cut = (max == 0 ? text : text.substr(0, max - 1)) + kZero;
-        return finish(d, stand_by, place(d, cut, cut.size(), cut.size() > room()));
-    }
+    unsigned print(int d, const std::string &text) { return assign(d, {true, text}, 0, -1, 0); }
 
     unsigned limit(int d, unsigned max)
     {
