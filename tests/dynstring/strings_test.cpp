@@ -151,6 +151,11 @@ TEST(values, are_written_as_their_readers_want_them)
                                                        {dynstr_hexstringfromdata(id, kBytes, INT_MIN), ""}};
     for (const auto &[string, expected] : texts)
         EXPECT_STREQ(dynstr_getstring(string), expected);
+    dynstr *string = nullptr;
+    _dynstr_ex_fromprintf(id, &string, "%d %s", "file", 1, 7, "seven");
+    EXPECT_STREQ(dynstr_getstring(string), "7 seven");
+    _dynstr_ex_fromsubstring(id, &string, "abcd", 1, 2, "file", 1);
+    EXPECT_STREQ(dynstr_getstring(string), "bc");
     unsigned seconds = 0;
     EXPECT_EQ(dynstr_getutcdatetime(dates[1], &seconds), 0U);
     EXPECT_FALSE(locked_while_asked);
