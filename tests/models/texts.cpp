@@ -142,6 +142,11 @@ class Trial {
              join(parts, separator, static_cast<std::size_t>(std::max(first, 0)),
                   static_cast<std::size_t>(std::max(last, 0))),
              "join of a part");
+        std::vector<const char *> array;
+        for (const std::string &part : parts)
+            array.push_back(part.c_str());
+        array.push_back(nullptr);
+        same(taken(strlist_fromstringarr(array.data(), nodes_, strings_)), parts, "list of an array");
         same(taken(strlist_clone(list, nodes_, strings_)), parts, "clone");
         same(taken(strlist_refalloc(list, nodes_)), parts, "shared strings");
         taken(list);
