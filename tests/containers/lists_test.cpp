@@ -136,6 +136,16 @@ TEST(lists, stay_whole_when_an_object_refuses)
     for (const unsigned no_nodes : {0U, strings, objects})
         EXPECT_EQ(llist_insert_at(&first, nullptr, 0, static_cast<int>(no_nodes)), MEMM_E_NO_MEMORY);
     EXPECT_EQ(llist_addlist(&first->next, first), MEMM_E_INVALID);
+    int index = 0;
+    void *cursor = held[0];
+    llist outside{held[0], nullptr}, *no_list = &outside;
+    EXPECT_EQ(llist_enum_bytype(no_list, 0xffffffff, &index, &cursor), nullptr);
+    EXPECT_EQ(llist_enum_bytype(first, 0xffffffff, &index, nullptr), nullptr);
+    EXPECT_EQ(llist_getlength(no_list), 0);
+    for (const unsigned result :
+         {llist_sort(&no_list, three_way), llist_reverse(&no_list), llist_delete_at(&no_list, 0),
+          llist_clone(&first, no_list, nodes), llist_addlist(&no_list, first)})
+        EXPECT_EQ(result, MEMM_E_INVALID);
 }
 
 }  // namespace

@@ -96,6 +96,10 @@ TEST(string_lists, may_hold_other_objects)
     EXPECT_EQ(strlist_delete_at(&list, 1), 0U);
     taken(list);
     EXPECT_EQ(text_of(dynstr_fromstrlist(lists.pool(), nullptr, nullptr)), "");
+    EXPECT_EQ(strlist_fromstring("a", "", lists.nodes, lists.strings), nullptr);
+    dynstr *const string = dynstr_fromstring(lists.pool(), "a");
+    EXPECT_EQ(strlist_fromdynstr(string, nullptr, lists.nodes), nullptr);
+    memm_free(string);
     EXPECT_EQ(dynstr_fromstrlist_escaped(0, nullptr, ",", '\\'), nullptr);
     EXPECT_EQ(recorder().take_trace(), "[DYNSTR] dynstr_fromstrlist_escaped: invalid poolid passed\r\n");
 }

@@ -172,6 +172,13 @@ TEST(data_reports, show_areas_and_bytes_to_the_last_character)
         expected += text(" %u.r_data.%d.0x%08lx - size=%s\r\n", pool, i, address(objects[i]), shown[i].c_str());
     memm_print_objects("r_data");
     EXPECT_EQ(recorder().take_debug(), expected + "\r\n\r\n");
+    const unsigned full = make_pool("", 2, 60);
+    make(full, std::string(30, 'a'));
+    memm_printobject(make(full, std::string(30, 'b')), 1);
+    memm_printobject(memm_getfirst(full), 1);
+    const std::string both = recorder().take_debug();
+    EXPECT_NE(both.find(" - size=30, data='" + std::string(30, 'b') + "'"), both.npos);
+    EXPECT_NE(both.find(" - size=30, data='" + std::string(30, 'a') + std::string(17, 'b') + "...'"), both.npos);
     memm_print_timestats("r_none");
     EXPECT_NE(recorder().take_debug().find("                            data buffer  curr/max/avail 0,0,0  (  0%)\r\n"),
               std::string::npos);

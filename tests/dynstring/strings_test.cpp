@@ -184,6 +184,10 @@ TEST(calls, name_themselves_when_they_refuse)
     refuses("dynstr_getutcdatetime", dynstr_getutcdatetime(d, &out));
     refuses("dynstr_gethexstring", dynstr_gethexstring(d, bytes, 2));
     const auto other = static_cast<unsigned>(memm_initpool("", 1, 64, nullptr));
+    auto **const stranger = static_cast<unsigned char **>(memm_calloc(other));
+    EXPECT_EQ(dynstr_getulong(reinterpret_cast<dynstr *>(stranger), &out), kInvalid) << "no word about no text";
+    *stranger = bytes;
+    refuses("dynstr_getulong", dynstr_getulong(reinterpret_cast<dynstr *>(stranger), &out));
     makes_none("dynstr_fromstring_nolock", dynstr_fromstring(other, ""));
     makes_none("dynstr_fromsubstring", dynstr_fromsubstring(0, "", 0, 0));
     makes_none("dynstr_fromliteral", dynstr_fromliteral(1, ""));
