@@ -23,8 +23,7 @@ public:
 std::string content_of(const std::string &path);  // "-" when there is no such file
 void write_file(const std::string &path, const std::string &content);
 
-// What calls on the dump file that is being written do, and, without a folder too, its opening. Errors are values of
-// errno; 0: none.
+// What calls on the dump file that is being written do, and, without a folder too, its opening. Errors are values of errno; 0: none.
 struct FileFaults {
     int open_error = 0, fstat_error = 0, ftruncate_error = 0, close_error = 0, write_error = 0;
     std::size_t write_most = static_cast<std::size_t>(-1);  // bytes that one write takes
