@@ -111,14 +111,6 @@ public:
     // A block outside, where the size is known to find no room in the current buffer.
     [[nodiscard]] char *make_room_outside(u64 size, u64 real) noexcept;
 
-    // Takes back the text at the end of the current buffer, to write it anew from there on.
-    void reopen() noexcept
-    {
-        const u32 size = info_.size();
-        pool_.used[pool_.curbuf] -= size;
-        pool_.usedbytes -= size;
-    }
-
     // The text stands in the room: `size` as it was asked for, `real` as it is (with its zero; 0 when nothing stands).
     void wrote(u32 size, u32 real) noexcept
     {

@@ -194,16 +194,16 @@ Result release_owned(Held held, const PoolAid &aid, void *object) noexcept
     return Result::ok;
 }
 
-// The pool of an object in use, when it is that of the one before and the object has one holder; null elsewhere.
+// The pool of an object in use with one holder, when the pool is one of those met last; null elsewhere.
 // Descriptors cannot be released.
 [[gnu::always_inline]] inline const PoolAid *sole_owner_of(void *object) noexcept
 {
     unsigned char *const slot = slot_of(object);
     const auto address = reinterpret_cast<std::uintptr_t>(slot);
-    const PoolAid &aid = registry.last_hit();
-    const bool is_sole = aid.holds(address) && aid.is_slot(address) && ObjectHeader::of_slot(slot).is_sole(aid.id) &&
-                         aid.is_ordinary && slot <= aid.pool->last_used;
-    return is_sole ? &aid : nullptr;
+    const PoolAid *const aid = registry.recent_around(address);
+    const bool is_sole = aid != nullptr && aid->is_slot(address) && ObjectHeader::of_slot(slot).is_sole(aid->id) &&
+                         aid->is_ordinary && slot <= aid->pool->last_used;
+    return is_sole ? aid : nullptr;
 }
 
 }  // namespace

@@ -94,7 +94,9 @@ class Registry {
     PoolAid *aids_ = nullptr;
     u32 *by_address_ = nullptr;  // ids of the pools that have slots, in the order of their slot arrays
     u32 placed_ = 0;
-    mutable PoolAid *last_hit_ = &no_aid_;  // most pointers that come in belong to the same pool as the one before
+    // Most pointers that come in belong to the pool of the one before, or to the one before that: a list's nodes and
+    // objects take turns.
+    mutable PoolAid *hits_[2] = {&no_aid_, &no_aid_};
 
     PoolAid *search(std::uintptr_t address) const noexcept;
 
@@ -129,13 +131,22 @@ public:
     // Enters a pool that has its slots into the order by address.
     void place(Held, PoolId id) noexcept;
 
-    const PoolAid &last_hit() const noexcept { return *last_hit_; }
-
     // The pool in whose slot array this address lies, between its first and its last header; null elsewhere.
     PoolAid *around(std::uintptr_t address) const noexcept
     {
-        PoolAid *const hit = load_published(last_hit_);
-        return hit->holds(address) ? hit : search(address);
+        PoolAid *const hit = recent_around(address);
+        return hit != nullptr ? hit : search(address);
+    }
+
+    // The same, if it is one of those found last.
+    PoolAid *recent_around(std::uintptr_t address) const noexcept
+    {
+        PoolAid *hit = load_published(hits_[0]);
+        if (!hit->holds(address)) [[unlikely]] {
+            hit = load_published(hits_[1]);
+            hit = hit->holds(address) ? hit : nullptr;
+        }
+        return hit;
     }
 };
 

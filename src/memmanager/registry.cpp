@@ -51,7 +51,8 @@ PoolAid *Registry::search(std::uintptr_t address) const noexcept
         const u32 middle = low + (high - low) / 2;
         PoolAid &aid = aids_[load_published(by_address_[middle])];
         if (aid.holds(address)) {
-            publish(last_hit_, &aid);
+            publish(hits_[1], load_published(hits_[0]));
+            publish(hits_[0], &aid);
             return &aid;
         }
         if (aid.first > address) {
