@@ -24,8 +24,8 @@ void run_script(const Sizes &sizes)
     int count = 0;
     for (const Call &call : calls()) {
         call.operator_(world, -1, -1);
-        if (++count % 2 == 0 && reports_left-- > 0)
-            memm_calloc(empty), raise(count % 4 == 0 ? SIGUSR1 : SIGUSR2);
+        if (++count % 3 != 0 && reports_left-- > 0)
+            memm_calloc(empty), raise(count % 2 == 0 ? SIGUSR1 : SIGUSR2);
         world.sweep();
         recorder().forget();
     }
