@@ -79,8 +79,6 @@ public:
 
 int print_nowhere(const char *, ...) { return 0; }
 
-int print_nowhere(const char *, ...) { return 0; }
-
 std::atomic<int> handled{0};
 int under_lock;
 
