@@ -67,17 +67,17 @@ void add_pairs(std::size_t size, std::initializer_list<Goal> one_thread, std::in
 void add_churn(std::size_t capacity, std::int64_t steps, double goal)
 {
     for (const std::size_t percent : {50, 90, 99}) {
-        const std::string job =
-            job_name("churn of 64 B, " + std::to_string(percent) + " % of " + std::to_string(capacity) + " live");
+        const std::string job = sized_job("churn of 64 B, " + std::to_string(percent) + " % live", capacity, "slots");
         set_goals(job, {{"glibc", goal}});
         add_allocators(job, 64, capacity, steps, Churn{capacity, capacity * percent / 100});
     }
 }
 
+// Wall-clock time by pairs of both threads together.
 template <class Rival> void add_contention(const std::string &job)
 {
     if (Rival::is_there()) {
-        add(job, Rival::kName, 300'000,
+        add(job, Rival::kName, 2'000'000,
             [](benchmark::State &state) {
                 static Rival shared(64, 1000);
                 Pairs{}(state, shared);
@@ -87,23 +87,31 @@ template <class Rival> void add_contention(const std::string &job)
     }
 }
 
+void add_contentions()
+{
+    const std::string job = "two threads contend for one pool of 64 B";
+    set_goals(job, {{"boost", 1.0}});
+    add_contention<OurPool>(job);
+    add_contention<Glibc>(job);
+    add_contention<Loaded<jemalloc>>(job);
+    add_contention<Loaded<mimalloc>>(job);
+#ifdef BENCH_HAS_BOOST
+    add_contention<BoostPool>(job);
+#endif
+    add_contention<Slices>(job);
+    add_contention<Guarded<TallocChild>>(job);
+}
+
 void register_jobs()
 {
     add_pairs(16, {{"glibc", 1.3}, {"boost", 1.0}}, {{"glibc", 1.1}});
-    add_pairs(64, {{"glibc", 1.3}, {"boost", 1.0}}, {{"glibc", 1.1}});
+    add_pairs(64, {{"glibc", 1.15}, {"boost", 1.0}}, {{"glibc", 0.75}});
     add_pairs(256, {{"glibc", 0.6}}, {{"glibc", 0.85}});
     add_churn(1'000, 200'000, 2.0);
-    add_churn(100'000, 300'000, 1.4);
-    add_churn(1'000'000, 500'000, 1.4);
+    add_churn(100'000, 300'000, 1.2);
+    add_churn(1'000'000, 500'000, 1.2);
     if (second_thread) {  // the job brings threads of its own
-        const std::string job = "two threads contend for one pool of 64 B";
-        set_goals(job, {{"boost", 1.1}});
-        add_contention<OurPool>(job);
-        add_contention<Glibc>(job);
-#ifdef BENCH_HAS_BOOST
-        add_contention<BoostPool>(job);
-#endif
-        add_contention<Slices>(job);
+        add_contentions();
     }
 }
 

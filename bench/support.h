@@ -1,7 +1,6 @@
 #pragma once
 
-#include <memmanager/lock.h>
-#include <memmanager/memmanager.h>
+#include "process.h"
 
 #include <benchmark/benchmark.h>
 
@@ -14,7 +13,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -27,36 +25,14 @@
 
 // What the benches share. A benchmark is called "job/rival"; all rivals of a job do the same number of steps on the
 // same random numbers, in one process, their repetitions interleaved. A goal is a ratio of medians that stands beside
-// its job; it travels in the JSON output to scripts/bench-table.
+// its job; it travels in the JSON output to scripts/bench-table. A figure is the time of one operation wherever a job
+// ends in ": 1,000 slots" (records, nodes, items), so that the same job shows how its cost grows.
 //
 // The C library drops its locks while a process has one thread and does not come back to that reliably. So every
-// program runs either way as a process of its own: with --second-thread another thread is parked from the start.
+// program runs either way as a process of its own: with --second-thread another thread is parked from the start. The
+// largest jobs, which only show how a cost grows, leave the heap in pieces that other jobs' rivals would have to live
+// with: they run in a third process, with --growth.
 namespace bench {
-
-// ---- random numbers: the same sequence in every run ----
-
-class Random {
-    std::uint64_t state_;
-
-public:
-    explicit Random(std::uint64_t seed) : state_(seed * 0x9e3779b97f4a7c15U + 1) {}
-
-    std::uint32_t next()
-    {
-        state_ ^= state_ << 13;
-        state_ ^= state_ >> 7;
-        state_ ^= state_ << 17;
-        return static_cast<std::uint32_t>(state_ >> 32);
-    }
-    std::size_t below(std::size_t limit) { return static_cast<std::size_t>(next()) * limit >> 32; }
-
-    template <class T> void shuffle(std::vector<T> &items)
-    {
-        for (std::size_t i = items.size(); i > 1; i--) {
-            std::swap(items[i - 1], items[below(i)]);
-        }
-    }
-};
 
 // ---- jobs and goals ----
 
@@ -66,6 +42,23 @@ inline std::string job_name(const std::string &job)
 {
     return job + (second_thread ? ", second thread parked" : ", one thread");
 }
+
+inline std::string with_commas(std::size_t count)
+{
+    std::string digits = std::to_string(count);
+    for (auto at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3) {
+        digits.insert(static_cast<std::size_t>(at), ",");
+    }
+    return digits;
+}
+
+inline std::string sized_job(const std::string &job, std::size_t count, const char *what)
+{
+    return job_name(job + ": " + with_commas(count) + " " + what);
+}
+
+// The contender that does no more than the job cannot do without: what no way of organising it can avoid.
+inline constexpr const char *kMinimum = "minimum";
 
 struct Goal {
     const char *rival;
@@ -203,6 +196,32 @@ struct OurPool {
     void release(void *object) { memm_free(object); }
 };
 
+// A list of free blocks of one size, without a lock; what it hands out is zeroed.
+struct FreeList {
+    static constexpr const char *kName = kMinimum;
+    static bool is_there() { return true; }
+    std::size_t size;
+    std::vector<std::byte> room;
+    void **first = nullptr;
+    FreeList(std::size_t object_size, std::size_t count) : size(object_size), room(object_size * count)
+    {
+        for (std::size_t i = count; i > 0; i--) {
+            release(room.data() + (i - 1) * size);
+        }
+    }
+    void *allocate()
+    {
+        void **const taken = first;
+        first = static_cast<void **>(*taken);
+        return std::memset(taken, 0, size);
+    }
+    void release(void *object)
+    {
+        *static_cast<void **>(object) = first;
+        first = static_cast<void **>(object);
+    }
+};
+
 struct Glibc {
     static constexpr const char *kName = "glibc";
     static bool is_there() { return true; }
@@ -221,26 +240,33 @@ template <const Allocator &kAllocator> struct Loaded {
     void release(void *object) { kAllocator.release(object); }
 };
 
-#ifdef BENCH_HAS_BOOST
-// As safe as a pool of ours: for several threads, and for a callback that allocates again.
-struct BoostPool {
-    static constexpr const char *kName = "boost";
-    static bool is_there() { return true; }
-    boost::pool<> pool;
+// For several threads what is for one alone.
+template <class Rival> struct Guarded : Rival {
     std::recursive_mutex mutex;
-    BoostPool(std::size_t size, std::size_t) : pool(size) {}
+    using Rival::Rival;
     void *allocate()
     {
         const std::lock_guard guard(mutex);
-        void *const object = pool.malloc();
-        return std::memset(object, 0, pool.get_requested_size());
+        return Rival::allocate();
     }
     void release(void *object)
     {
         const std::lock_guard guard(mutex);
-        pool.free(object);
+        Rival::release(object);
     }
 };
+
+#ifdef BENCH_HAS_BOOST
+struct UnguardedBoostPool {
+    static constexpr const char *kName = "boost";
+    static bool is_there() { return true; }
+    boost::pool<> pool;
+    UnguardedBoostPool(std::size_t size, std::size_t) : pool(size) {}
+    void *allocate() { return std::memset(pool.malloc(), 0, pool.get_requested_size()); }
+    void release(void *object) { pool.free(object); }
+};
+// As safe as a pool of ours: for several threads, and for a callback that allocates again.
+using BoostPool = Guarded<UnguardedBoostPool>;
 #endif
 
 struct Slices {
@@ -288,29 +314,13 @@ void add_allocators(const std::string &job, std::size_t size, std::size_t count,
 #endif
     add_rival<Slices>(job, size, count, steps, run);
     add_rival<TallocChild>(job, size, count, steps, run);
+    add_rival<FreeList>(job, size, count, steps, run);
 }
 
 // ---- the program ----
 
-// Blocks in the kernel for ever.
-inline void park_a_thread()
-{
-    static std::mutex gate;
-    gate.lock();
-    std::thread([] { gate.lock(); }).detach();
-}
-
-inline void start_library()
-{
-    if (memm_init(64, 16) != MEMM_OK) {
-        std::fprintf(stderr, "bench: the manager does not start\n");
-        std::exit(1);
-    }
-    memm_set_trace(0);
-    lock_settrace("", 0);
-}
-
-template <class Register> int run_program(int argc, char **argv, Register register_jobs)
+inline int run_program(
+    int argc, char **argv, void (*register_jobs)(), void (*register_growth)() = [] {})
 {
     char interleaved[] = "--benchmark_enable_random_interleaving=true";
     char repetitions[] = "--benchmark_repetitions=9";
@@ -318,6 +328,8 @@ template <class Register> int run_program(int argc, char **argv, Register regist
     for (int i = 1; i < argc; i++) {
         if (std::string_view(argv[i]) == "--second-thread") {
             second_thread = true;
+        } else if (std::string_view(argv[i]) == "--growth") {
+            register_jobs = register_growth;
         } else {
             arguments.push_back(argv[i]);
         }

@@ -30,13 +30,11 @@ char usable_escape(std::string_view separator, char escape) noexcept { return se
 // Tells strings from other objects. Most items lie in the same pool as the one before.
 class StringTest {
     PoolAid known_;  // a copy: what it needs stays in registers
-    std::uintptr_t first_ = 1;
-    std::uintptr_t beyond_ = 0;
 
     bool is_in_known_pool(const void *item) const noexcept
     {
         const auto slot = reinterpret_cast<std::uintptr_t>(item) - kHeaderBytes;
-        return slot - first_ < beyond_ && known_.slot_size.divides(static_cast<u32>(slot - first_)) &&
+        return known_.holds(slot) && known_.is_slot(slot) &&
                ObjectHeader::of_slot(reinterpret_cast<const unsigned char *>(slot)).pool() == known_.id;
     }
     [[gnu::noinline]] bool is_in_another_pool(const void *item) noexcept
@@ -45,8 +43,6 @@ class StringTest {
             return false;
         }
         known_ = *owner_of(item);
-        first_ = reinterpret_cast<std::uintptr_t>(known_.pool->slots);
-        beyond_ = reinterpret_cast<std::uintptr_t>(known_.pool->last_item) - first_ + 1;
         return true;
     }
 

@@ -17,18 +17,27 @@ bool ends_where_size_says(const dynstr &record) noexcept
     return size != 0 && std::memchr(record.str, 0, size) == record.str + size - 1;
 }
 
-// A byte of the sum counts up to 255 vectors.
+using Bytes [[gnu::vector_size(16)]] = unsigned char;
+
+// 1 for each zero among them, as bytes that are -1.
+Bytes zeros_in(const char *from) noexcept
+{
+    Bytes bytes;
+    std::memcpy(&bytes, from, sizeof bytes);
+    return reinterpret_cast<Bytes>(bytes == 0);
+}
+
+// A byte of the sum counts up to 255 zeros.
 u32 count_zeros(const char *from, const char *end) noexcept
 {
-    using Bytes [[gnu::vector_size(16)]] = unsigned char;
-    constexpr std::ptrdiff_t kBytes = sizeof(Bytes);
+    constexpr std::ptrdiff_t kBlock = 4 * sizeof(Bytes);
+    constexpr int kMostBlocks = 255 / 4;
     u32 zeros = 0;
-    while (end - from >= kBytes) {
+    while (end - from >= kBlock) {
         Bytes sum{};
-        for (unsigned n = 0; n < 255 && end - from >= kBytes; ++n, from += kBytes) {
-            Bytes bytes;
-            std::memcpy(&bytes, from, sizeof bytes);
-            sum -= reinterpret_cast<Bytes>(bytes == 0);
+        for (int left = kMostBlocks; left > 0 && end - from >= kBlock; --left, from += kBlock) {
+            sum -= (zeros_in(from) + zeros_in(from + sizeof(Bytes))) +
+                   (zeros_in(from + 2 * sizeof(Bytes)) + zeros_in(from + 3 * sizeof(Bytes)));
         }
         for (unsigned i = 0; i < sizeof sum; ++i) {
             zeros += sum[i];
@@ -72,6 +81,15 @@ class Compaction {
     u32 freed_records_ = 0;
     bool after_deleted_ = false;
 
+    struct Seen {
+        dynstr *record = nullptr;
+        StringInfo info{0};
+    };
+    static constexpr u32 kAtOnce = 64;
+    Seen seen_[kAtOnce];
+    u32 seen_count_ = 0;
+    const dynstr *ahead_ = nullptr;  // where the next stretch will begin, or further on
+
     void check(const dynstr &record) const noexcept
     {
         const dynstr *const next = record.next;
@@ -89,25 +107,27 @@ class Compaction {
         }
     }
 
-    // How many records from this one on check() has nothing to say about, seen at one go: their texts lie side by side,
-    // and as many zeros as texts are there, one at each end. 0 when this one is to be checked by itself.
-    u32 count_sound(const dynstr &first, const dynstr *&record) const noexcept
+    // The records from this one on about which check() has nothing to say, seen at one go: their texts lie side by
+    // side, and as many zeros as texts are there, one at each end. None when this one is to be checked by itself.
+    void see_sound(dynstr *record) noexcept
     {
-        constexpr u32 kAtOnce = 64;
-        record = &first;
-        const char *end = first.str;
+        const char *const start = record->str;
+        const char *end = start;
         u32 count = 0;
         for (; record != nullptr && count < kAtOnce; record = record->next, ++count) {
             const StringInfo info = info_of(*record);
-            if (record->str != end || info.buffer() != buffer_ || info.size() == 0 || end[info.size() - 1] != '\0') {
+            const u32 size = info.size();
+            if (record->str != end || info.buffer() != buffer_ || size == 0 || end[size - 1] != '\0') {
                 break;
             }
-            end += info.size();
+            seen_[count] = {record, info};
+            end += size;
         }
-        if (count == 0 || count_zeros(first.str, end) != count) {
-            return 0;
+        ahead_ = record;
+        if (count != 0 && count_zeros(start, end) != count) {
+            count = 0;
         }
-        return record == nullptr ? count : count - 1;  // the last one's neighbour has not been looked at
+        seen_count_ = count == 0 || record == nullptr ? count : count - 1;  // the last one's neighbour is unknown
     }
 
     void move_run() noexcept
@@ -136,55 +156,71 @@ class Compaction {
         --pool_.cnt[buffer_];
         ++freed_records_;
         if (ObjectHeader::of_slot(slot).extra_refs() == 0) {
-            finish_release(held_, records_, slot);
+            if (!finish_release_at_once(held_, records_, slot)) {
+                finish_release(held_, records_, slot);
+            }
         } else {
             set_size(record, 0);
             static_cast<void>(release(held_, &record));
         }
     }
 
-    void pass_deleted(dynstr &record) noexcept
+    void pass_deleted(dynstr &record, u32 size) noexcept
     {
         close_run_before(record);
-        shift_ += size_of(record);
+        shift_ += size;
         after_deleted_ = true;
         give_back(record);
     }
 
-    void pass_live(dynstr &record) noexcept
+    void begin_run(dynstr &record) noexcept
     {
-        if (after_deleted_) {
-            (previous_ == nullptr ? pool_.first[buffer_] : previous_->next) = &record;
-            record.prev = previous_;
-            run_ = record.str;
-            run_target_ = record.str - shift_;
-            run_length_ = 0;
-            after_deleted_ = false;
+        (previous_ == nullptr ? pool_.first[buffer_] : previous_->next) = &record;
+        record.prev = previous_;
+        run_ = record.str;
+        run_target_ = record.str - shift_;
+        run_length_ = 0;
+        after_deleted_ = false;
+    }
+
+    void pass(dynstr &record, StringInfo info) noexcept
+    {
+        const u32 size = info.size();
+        if (info.is_deleted()) {
+            pass_deleted(record, size);
+            return;
         }
-        run_length_ += size_of(record);
+        if (after_deleted_) {
+            begin_run(record);
+        }
+        run_length_ += size;
         record.str -= shift_;
         previous_ = &record;
     }
 
-    dynstr *pass(dynstr &record) noexcept
+    // The list is scattered in memory: what the next stretch will look at is on its way while this one is worked on.
+    void fetch_ahead() noexcept
     {
-        dynstr *const next = record.next;
-        if (info_of(record).is_deleted()) {
-            pass_deleted(record);
-        } else {
-            pass_live(record);
+        if (ahead_ != nullptr) {
+            ahead_ = ahead_->next;
+            __builtin_prefetch(ahead_);
         }
-        return next;
     }
 
-    // The list is scattered in memory: what the next stretch will look at is on its way while this one is worked on.
-    static const dynstr *fetch_next(const dynstr *ahead) noexcept
+    // Passes a stretch; answers the record after it.
+    dynstr *pass_stretch(dynstr &first) noexcept
     {
-        if (ahead != nullptr) {
-            ahead = ahead->next;
-            __builtin_prefetch(ahead);
+        see_sound(&first);
+        if (seen_count_ == 0) {
+            check(first);
+            seen_[seen_count_++] = {&first, info_of(first)};
         }
-        return ahead;
+        dynstr *const next = seen_[seen_count_ - 1].record->next;
+        for (u32 i = 0; i < seen_count_; ++i) {
+            fetch_ahead();
+            pass(*seen_[i].record, seen_[i].info);
+        }
+        return next;
     }
 
     void finish_list() noexcept
@@ -234,19 +270,10 @@ public:
         }
     }
 
-    // Stretches that are sound as a whole go without further checks.
     void run(dynstr *record) noexcept
     {
         while (record != nullptr) {
-            const dynstr *ahead = nullptr;
-            const u32 sound = count_sound(*record, ahead);
-            if (sound == 0) {
-                check(*record);
-            }
-            for (u32 left = sound == 0 ? 1 : sound; left > 0; --left) {
-                ahead = fetch_next(ahead);
-                record = pass(*record);
-            }
+            record = pass_stretch(*record);
         }
         finish_list();
         settle_accounts();

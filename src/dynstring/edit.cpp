@@ -93,18 +93,18 @@ struct Addition {
     u32 copied;    // bytes of the text itself
 };
 
-Addition measure(const dynstr &record, const char *text, u64 count) noexcept
+// Of a text of this length, said to be of so many bytes: of more than it has, maybe.
+Addition measure(const dynstr &record, u64 text_length, u64 claimed) noexcept
 {
-    const auto length = static_cast<u32>(whole_text(record).length);
+    const u32 length = is_in_buffer(record) ? size_of(record) - 1 : static_cast<u32>(whole_text(record).length);
     const u64 max = info_of(record).max_size();
-    u64 added = count + 1;
+    u64 added = claimed + 1;
     u64 new_size = length + added;
     if (max != 0 && new_size > max) {
         added -= new_size - max;
         new_size = max;
     }
-    const auto copied = strnlen(text, static_cast<std::size_t>(added - 1));
-    return {length, added, new_size, static_cast<u32>(copied)};
+    return {length, added, new_size, static_cast<u32>(std::min(text_length, added - 1))};
 }
 
 // The address alone does not tell: the end of a full buffer may be the start of the next one.
@@ -120,27 +120,37 @@ void write_behind(char *text, const Addition &addition, const char *source) noex
     text[addition.old_length + addition.copied] = '\0';
 }
 
-}  // namespace
-
-Result append(Held held, dynstr &record, const char *text, u64 count) noexcept
+// The text stays where it is and takes the bytes behind it, so the appended ones are all that is written.
+Result extend(Held held, TextPool &pool, dynstr &record, const Addition &addition, const char *text, u32 size) noexcept
 {
-    TextPool *const owner = changeable(&record);
-    if (owner == nullptr) {
+    const StringInfo old = info_of(record);
+    write_behind(record.str, addition, text);
+    pool.used[pool.curbuf] -= old.size();
+    pool.usedbytes -= old.size();
+    commit(held, pool, record, old.with_size(size).with_max_size(old.max_size()));
+    return Result::ok;
+}
+
+// Found before the lock was taken: another task may have released the record meanwhile.
+bool is_still_changeable(const TextPool &pool, dynstr &record) noexcept
+{
+    return ObjectHeader::of_slot(slot_of(&record)).pool() == PoolId{pool.poolid} && !info_of(record).is_deleted();
+}
+
+Result append(Held held, TextPool &pool, dynstr &record, const char *text, u64 text_length, u64 claimed) noexcept
+{
+    if (!is_still_changeable(pool, record)) {
         return Result::invalid;
     }
-    TextPool &pool = *owner;
-    const Addition addition = measure(record, text, count);
+    const Addition addition = measure(record, text_length, claimed);
     const u64 real = u64{addition.old_length} + addition.copied + 1;
     const bool extends = ends_current_buffer(pool, record);
     const bool fits = (extends ? addition.added - 1 : addition.new_size) <= pool.room() && real <= kMaxTextSize;
+    if (extends && fits) {
+        return extend(held, pool, record, addition, text, static_cast<u32>(real));
+    }
 
     Rewrite rewrite(held, pool, record);
-    if (extends && fits) {
-        rewrite.reopen();
-        write_behind(record.str, addition, text);
-        rewrite.wrote(static_cast<u32>(real), static_cast<u32>(real));
-        return rewrite.finish();
-    }
     if (!rewrite.set_aside(fits ? Rewrite::StandBy::may_be_booked : Rewrite::StandBy::has_a_slot)) {
         return Result::no_memory;
     }
@@ -161,6 +171,23 @@ Result append(Held held, dynstr &record, const char *text, u64 count) noexcept
     rewrite.wrote(static_cast<u32>(real), static_cast<u32>(real));
     return rewrite.finish();
 }
+
+// The text is measured under the lock, for it may be the record's own.
+template <typename Append>
+[[gnu::always_inline]] inline Result add_text(dynstr *d, const char *text, Append append_measured) noexcept
+{
+    TextPool *const pool = changeable(d);
+    if (pool == nullptr) {
+        return Result::invalid;
+    }
+    if (text == nullptr || *text == '\0') {
+        return Result::ok;
+    }
+    const ManagerLock lock("dynstr_addstring_size");
+    return append_measured(lock.held(), *pool);
+}
+
+}  // namespace
 
 }  // namespace memm::strings
 
@@ -227,19 +254,17 @@ unsigned dynstr_addstring(dynstr *d, const char *text)
     if (text == nullptr) {
         return to_c(Result::invalid);
     }
-    const std::size_t length = std::strlen(text);
-    return dynstr_addstring_size(d, text, static_cast<int>(std::min<std::size_t>(length, INT_MAX)));
+    return to_c(add_text(d, text, [d, text](Held held, TextPool &pool) {
+        const u64 length = std::min<std::size_t>(std::strlen(text), INT_MAX);
+        return append(held, pool, *d, text, length, length);
+    }));
 }
 
 unsigned dynstr_addstring_size(dynstr *d, const char *text, int n)
 {
-    if (changeable(d) == nullptr) {
-        return to_c(Result::invalid);
-    }
-    if (text == nullptr || *text == '\0' || n < 1) {
-        return to_c(Result::ok);
-    }
-    const ManagerLock lock("dynstr_addstring_size");
-    return to_c(append(lock.held(), *d, text, static_cast<u64>(n)));
+    return to_c(add_text(d, n < 1 ? "" : text, [d, text, n](Held held, TextPool &pool) {
+        const auto claimed = static_cast<std::size_t>(n);
+        return append(held, pool, *d, text, strnlen(text, claimed), claimed);
+    }));
 }
 }

@@ -24,7 +24,4 @@ TextPool *changeable(const dynstr *record) noexcept;
 Result assign(Held, TextPool &pool, dynstr &record, const Source &source, int offset, int length) noexcept;
 Result assign(Held, dynstr *record, const Source &source, int offset, int length) noexcept;  // when it may be changed
 
-// The first `count` bytes of the text.
-Result append(Held, dynstr &record, const char *text, u64 count) noexcept;
-
 }  // namespace memm::strings

@@ -160,19 +160,4 @@ int release_record(void *object)
     return MEMM_KEPT;
 }
 
-void mark_deleted(TextPool &pool, dynstr &record) noexcept
-{
-    const StringInfo info = info_of(record);
-    const u32 buffer = info.buffer();
-    set_info(record, info.with_deleted());
-    pool.delbytes += info.size();
-    pool.bufdelbytes[buffer] += info.size();
-    add(pool.delcnt, 1);
-    ++pool.bufdelcnt[buffer];
-    dynstr *&lowest = pool.firstdel[buffer];
-    if (lowest == nullptr || lowest->str > record.str) {
-        lowest = &record;
-    }
-}
-
 }  // namespace memm::strings

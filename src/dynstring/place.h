@@ -15,6 +15,31 @@
 // while the buffers are compacted in turn, until one can take it.
 namespace memm::strings {
 
+// The text that ends at the fill position, its size in the record's word to be, belongs to the current buffer from now
+// on.
+inline void commit(Held held, TextPool &pool, dynstr &record, StringInfo info) noexcept
+{
+    const u32 buffer = pool.curbuf;
+    const u32 size = info.size();
+    pool.used[buffer] += size;
+    pool.usedbytes += size;
+    raise_to(pool.peakbytes, pool.usedbytes - pool.delbytes);
+    raise_to(pool.peak[buffer], pool.used[buffer] - pool.bufdelbytes[buffer]);
+    if (dynstr *&last = pool.last[buffer]; last != &record) {
+        record.prev = last;
+        (last == nullptr ? pool.first[buffer] : last->next) = &record;
+        last = &record;
+        ++pool.cnt[buffer];
+    }
+    set_info(record, info.with_buffer(buffer));
+    if (pool.cnt[buffer] > pool.balance_limit) [[unlikely]] {
+        compact(held, pool, Reason::balance);
+    }
+    if (load(pool.gcrequest) != 0) [[unlikely]] {
+        compact(held, pool, Reason::depleted);
+    }
+}
+
 class Rewrite {
     Held held_;
     TextPool &pool_;
@@ -32,29 +57,6 @@ class Rewrite {
     void relocate() noexcept;
     void correct_size() noexcept;
     void drop_slot() noexcept;
-
-    // The text, of this size, belongs to the current buffer from now on.
-    void commit(u32 size) noexcept
-    {
-        const u32 buffer = pool_.curbuf;
-        pool_.used[buffer] += size;
-        pool_.usedbytes += size;
-        raise_to(pool_.peakbytes, pool_.usedbytes - pool_.delbytes);
-        raise_to(pool_.peak[buffer], pool_.used[buffer] - pool_.bufdelbytes[buffer]);
-        if (dynstr *&last = pool_.last[buffer]; last != &record_) {
-            record_.prev = last;
-            (last == nullptr ? pool_.first[buffer] : last->next) = &record_;
-            last = &record_;
-            ++pool_.cnt[buffer];
-        }
-        set_info(record_, info_.with_buffer(buffer));
-        if (pool_.cnt[buffer] > pool_.balance_limit) [[unlikely]] {
-            compact(held_, pool_, Reason::balance);
-        }
-        if (load(pool_.gcrequest) != 0) [[unlikely]] {
-            compact(held_, pool_, Reason::depleted);
-        }
-    }
 
     // An empty record has no text and counts as a literal.
     void stay_empty() noexcept
@@ -109,14 +111,6 @@ public:
     // A block outside, where the size is known to find no room in the current buffer.
     [[nodiscard]] char *make_room_outside(u64 size, u64 real) noexcept;
 
-    // Takes back the text at the end of the current buffer, to write it anew from there on.
-    void reopen() noexcept
-    {
-        const u32 size = info_.size();
-        pool_.used[pool_.curbuf] -= size;
-        pool_.usedbytes -= size;
-    }
-
     // The text stands in the room: `size` as it was asked for, `real` as it is (with its zero; 0 when nothing stands).
     void wrote(u32 size, u32 real) noexcept
     {
@@ -141,8 +135,8 @@ public:
         if (max_size_ != 0) {
             info_ = info_.with_max_size(max_size_);
         }
-        if (const u32 size = info_.size(); size != 0) {
-            commit(size);
+        if (info_.size() != 0) {
+            commit(held_, pool_, record_, info_);
         } else {
             stay_empty();
         }

@@ -118,7 +118,20 @@ const char *text_of(const void *pointer) noexcept;
 void compact(Held, TextPool &pool, Reason reason) noexcept;
 
 // The record's text becomes garbage. It is in a buffer and not deleted.
-void mark_deleted(TextPool &pool, dynstr &record) noexcept;
+inline void mark_deleted(TextPool &pool, dynstr &record) noexcept
+{
+    const StringInfo info = info_of(record);
+    const u32 buffer = info.buffer();
+    set_info(record, info.with_deleted());
+    pool.delbytes += info.size();
+    pool.bufdelbytes[buffer] += info.size();
+    add(pool.delcnt, 1);
+    ++pool.bufdelcnt[buffer];
+    dynstr *&lowest = pool.firstdel[buffer];
+    if (lowest == nullptr || lowest->str > record.str) {
+        lowest = &record;
+    }
+}
 
 bool pool_is_sound(Held, PoolId id) noexcept;
 

@@ -33,6 +33,8 @@ public:
     constexpr PoolId pool() const noexcept { return PoolId{Pool::get(word_)}; }
     constexpr bool is_tagged() const noexcept { return Tag::get(word_) != 0; }
     constexpr u32 extra_refs() const noexcept { return ExtraRefs::get(word_); }
+    // Of an object of this pool with one holder and no tag: as a new one has it.
+    constexpr bool is_sole(PoolId pool) const noexcept { return word_ == to_index(pool); }
 
     // A count beyond the field wraps to its low bits.
     constexpr ObjectHeader with_extra_refs(u32 count) const noexcept

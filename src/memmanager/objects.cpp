@@ -27,20 +27,23 @@ namespace {
     }
 }
 
-// The short way, in place: what an application calls most.
-[[gnu::always_inline]] inline void *allocate_here(Held held, PoolId id) noexcept
+void *allocate_elsewhere(Held held, const PoolAid &aid) noexcept
+{
+    void *const object = take_slot_elsewhere(aid, Reserve::closed);
+    return object != nullptr ? object : collect_and_allocate(held, aid);
+}
+
+}  // namespace
+
+void *allocate(Held held, PoolId id) noexcept
 {
     const PoolAid *const aid = registry.find_aid(id);
     if (aid == nullptr) {
         return nullptr;
     }
-    void *const object = take_slot(held, *aid, Reserve::closed);
-    return object != nullptr ? object : collect_and_allocate(held, *aid);
+    void *const object = take_slot_at_once(held, *aid);
+    return object != nullptr ? object : allocate_elsewhere(held, *aid);
 }
-
-}  // namespace
-
-void *allocate(Held held, PoolId id) noexcept { return allocate_here(held, id); }
 
 void *allocate_without_gc(Held held, PoolId id) noexcept
 {
@@ -159,8 +162,13 @@ Verdict ask_callback(const PoolAid &aid, void *object) noexcept
     }
 }
 
-// Others hold the object too, or its pool has a say in the release.
-[[gnu::noinline]] Result release_shared(Held held, const PoolAid &aid, void *object) noexcept
+bool has_say_in_release(const Pool &pool) noexcept
+{
+    return pool.options.release_cb != nullptr || pool.options.release2_cb != nullptr;
+}
+
+// Others may hold the object too, and its pool may have a say in the release.
+Result release_owned(Held held, const PoolAid &aid, void *object) noexcept
 {
     unsigned char *const slot = slot_of(object);
     const ObjectHeader header = ObjectHeader::of_slot(slot);
@@ -186,27 +194,70 @@ Verdict ask_callback(const PoolAid &aid, void *object) noexcept
     return Result::ok;
 }
 
+// The pool of an object in use with one holder, when the pool is one of those met last; null elsewhere.
 // Descriptors cannot be released.
-[[gnu::always_inline]] inline Result release_here(Held held, void *object) noexcept
+[[gnu::always_inline]] inline const PoolAid *sole_owner_of(void *object) noexcept
 {
-    const PoolAid *const aid = owner_of(object);
-    if (aid == nullptr || aid->id == PoolId::descriptors || slot_of(object) > aid->pool->last_used) [[unlikely]] {
-        report_invalid(object);
-        return Result::ok;
-    }
     unsigned char *const slot = slot_of(object);
-    const memm_pooloptions &options = aid->pool->options;
-    if (ObjectHeader::of_slot(slot).extra_refs() != 0 || options.release_cb != nullptr ||
-        options.release2_cb != nullptr) {
-        return release_shared(held, *aid, object);
-    }
-    finish_release(held, *aid, slot);
-    return Result::ok;
+    const auto address = reinterpret_cast<std::uintptr_t>(slot);
+    const PoolAid *const aid = registry.recent_around(address);
+    const bool is_sole = aid != nullptr && aid->is_slot(address) && ObjectHeader::of_slot(slot).is_sole(aid->id) &&
+                         aid->is_ordinary && slot <= aid->pool->last_used;
+    return is_sole ? aid : nullptr;
 }
 
 }  // namespace
 
-Result release(Held held, void *object) noexcept { return release_here(held, object); }
+Result release(Held held, void *object) noexcept
+{
+    const PoolAid *aid = sole_owner_of(object);
+    if (aid == nullptr) {
+        aid = owner_of(object);
+        if (aid == nullptr || aid->id == PoolId::descriptors || slot_of(object) > aid->pool->last_used) {
+            report_invalid(object);
+            return Result::ok;
+        }
+    }
+    return release_owned(held, *aid, object);
+}
+
+namespace {
+
+// What an application calls most is over without a call, and so without a stack frame, as a rule: the lock is free, the
+// first slot tried is, and nobody has sent a signal. The functions below take over wherever that is not so.
+
+[[gnu::noinline]] void *allocate_at_length(PoolId id) noexcept
+{
+    const ManagerLock lock("memm_calloc");
+    return allocate(lock.held(), id);
+}
+
+[[gnu::noinline]] void *end_allocation(void *object, const PoolAid *aid) noexcept
+{
+    if (object == nullptr && aid != nullptr) {
+        object = allocate_elsewhere(Held::by_caller(), *aid);
+    }
+    default_lock.leave_at_length();
+    return object;
+}
+
+[[gnu::noinline]] Result release_at_length(void *object) noexcept
+{
+    const ManagerLock lock("memm_free");
+    return release(lock.held(), object);
+}
+
+[[gnu::noinline]] Result end_release(bool released, const PoolAid *aid, void *object) noexcept
+{
+    const Held held = Held::by_caller();
+    const Result result = released         ? Result::ok
+                          : aid != nullptr ? release_owned(held, *aid, object)
+                                           : release(held, object);
+    default_lock.leave_at_length();
+    return result;
+}
+
+}  // namespace
 
 }  // namespace memm
 
@@ -216,8 +267,13 @@ extern "C" {
 
 void *memm_calloc(unsigned poolid)
 {
-    const ManagerLock lock("memm_calloc");
-    return allocate_here(lock.held(), PoolId{poolid});
+    const PoolId id{poolid};
+    if (!default_lock.enter_at_once()) [[unlikely]] {
+        return allocate_at_length(id);
+    }
+    const PoolAid *const aid = registry.find_aid(id);
+    void *const object = aid != nullptr ? take_slot_at_once(Held::by_caller(), *aid) : nullptr;
+    return object != nullptr && default_lock.leave_at_once() ? object : end_allocation(object, aid);
 }
 
 void *memm_calloc_nolock(unsigned poolid)
@@ -246,8 +302,13 @@ void *memm_refalloc_nolock(void *obj)
 
 int memm_free(void *obj)
 {
-    const ManagerLock lock("memm_free");
-    return to_int(release_here(lock.held(), obj));
+    if (!default_lock.enter_at_once()) [[unlikely]] {
+        return to_int(release_at_length(obj));
+    }
+    const PoolAid *const aid = sole_owner_of(obj);
+    const bool released = aid != nullptr && !has_say_in_release(*aid->pool) &&
+                          finish_release_at_once(Held::by_caller(), *aid, slot_of(obj));
+    return to_int(released && default_lock.leave_at_once() ? Result::ok : end_release(released, aid, obj));
 }
 
 int memm_free_nolock(void *obj)

@@ -43,34 +43,45 @@ static_assert(sizeof(void *) != 4 || offsetof(Pool, options) == 140);
 
 inline constexpr u32 kDepleted = 0x80000000U;  // in Pool::flags
 
-// What the manager keeps of a pool beside the public descriptor.
+// What the manager keeps of a pool beside the public descriptor: a cache line that says whether an address is an object
+// of the pool, and which.
 struct PoolAid {
+    static constexpr u32 kMostSmall = 512;
+
     constexpr PoolAid() noexcept = default;
     constexpr explicit PoolAid(Pool *of) noexcept : pool(of) {}
 
     Pool *pool = nullptr;
+    std::uintptr_t first = 0;  // address of the first header
+    u32 span = 0;              // bytes from there to just behind the start of the last header; 0 without slots
     PoolId id = PoolId::invalid;
     Divisor slot_size;
+    u32 small_bytes = 0;         // what to zero in a new object when that is little; 0: ask for it the long way
     bool is_ordinary = false;    // has slots, and is not the pool of the descriptors
     SlotIndex *index = nullptr;  // null: search slot by slot
     void *control = nullptr;     // the cookie that a floor above gave the pool, and may read through; null for others'
 
+    // Before the pool is placed in the order by address, and never again: readers may come without the lock.
+    void set_slots(unsigned char *slots, u32 bytes_per_slot, u32 count) noexcept
+    {
+        first = reinterpret_cast<std::uintptr_t>(slots);
+        span = bytes_per_slot * (count - 1) + 1;
+        slot_size = Divisor{bytes_per_slot};
+    }
+
+    // The address lies between the pool's first and its last header.
+    bool holds(std::uintptr_t address) const noexcept { return address - first < span; }
+
+    // Of addresses that it holds: the slot's number, and whether a slot begins there.
+    u32 number_of(std::uintptr_t address) const noexcept
+    {
+        return slot_size.quotient(static_cast<u32>(address - first));
+    }
     u32 number_of(const unsigned char *slot) const noexcept
     {
-        return slot_size.quotient(static_cast<u32>(slot - load(pool->slots)));
+        return number_of(reinterpret_cast<std::uintptr_t>(slot));
     }
-    bool is_slot(const unsigned char *address) const noexcept
-    {
-        return slot_size.divides(static_cast<u32>(address - load(pool->slots)));
-    }
-    // The address lies between the pool's first and its last header. Right for whoever comes without the lock while the
-    // pool is being made: neither bound alone lets anything in.
-    bool holds(std::uintptr_t address) const noexcept
-    {
-        const auto first = reinterpret_cast<std::uintptr_t>(load(pool->slots));
-        const auto last = reinterpret_cast<std::uintptr_t>(load(pool->last_item));
-        return address >= first && address <= last && first != 0;
-    }
+    bool is_slot(std::uintptr_t address) const noexcept { return slot_size.divides(static_cast<u32>(address - first)); }
 };
 
 class Registry {
@@ -83,7 +94,9 @@ class Registry {
     PoolAid *aids_ = nullptr;
     u32 *by_address_ = nullptr;  // ids of the pools that have slots, in the order of their slot arrays
     u32 placed_ = 0;
-    mutable PoolAid *last_hit_ = &no_aid_;  // most pointers that come in belong to the same pool as the one before
+    // Most pointers that come in belong to the pool of the one before, or to the one before that: a list's nodes and
+    // objects take turns.
+    mutable PoolAid *hits_[2] = {&no_aid_, &no_aid_};
 
     PoolAid *search(std::uintptr_t address) const noexcept;
 
@@ -121,8 +134,19 @@ public:
     // The pool in whose slot array this address lies, between its first and its last header; null elsewhere.
     PoolAid *around(std::uintptr_t address) const noexcept
     {
-        PoolAid *const hit = load_published(last_hit_);
-        return hit->holds(address) ? hit : search(address);
+        PoolAid *const hit = recent_around(address);
+        return hit != nullptr ? hit : search(address);
+    }
+
+    // The same, if it is one of those found last.
+    PoolAid *recent_around(std::uintptr_t address) const noexcept
+    {
+        PoolAid *hit = load_published(hits_[0]);
+        if (!hit->holds(address)) [[unlikely]] {
+            hit = load_published(hits_[1]);
+            hit = hit->holds(address) ? hit : nullptr;
+        }
+        return hit;
     }
 };
 
@@ -143,7 +167,7 @@ inline PoolAid *owner_of(const void *object) noexcept
     const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(object) - kHeaderBytes;
     PoolAid *const aid = registry.around(address);
     const auto *slot = reinterpret_cast<const unsigned char *>(address);
-    return aid != nullptr && aid->is_slot(slot) && ObjectHeader::of_slot(slot).pool() == aid->id ? aid : nullptr;
+    return aid != nullptr && aid->is_slot(address) && ObjectHeader::of_slot(slot).pool() == aid->id ? aid : nullptr;
 }
 
 // The pool that an object's header names; null for null and for ids out of range.

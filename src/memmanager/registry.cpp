@@ -51,10 +51,11 @@ PoolAid *Registry::search(std::uintptr_t address) const noexcept
         const u32 middle = low + (high - low) / 2;
         PoolAid &aid = aids_[load_published(by_address_[middle])];
         if (aid.holds(address)) {
-            publish(last_hit_, &aid);
+            publish(hits_[1], load_published(hits_[0]));
+            publish(hits_[0], &aid);
             return &aid;
         }
-        if (reinterpret_cast<std::uintptr_t>(load(aid.pool->slots)) > address) {
+        if (aid.first > address) {
             high = middle;
         } else {
             low = middle + 1;
@@ -171,7 +172,7 @@ Pool *make_pool(Held held, const char *name, int count, Size size, const memm_po
     auto &pool = *static_cast<Pool *>(descriptor);
     const PoolId id = id_of(pool);
     PoolAid &aid = registry.aid(id);
-    aid.slot_size = Divisor{size.slot};
+    aid.set_slots(slots, size.slot, static_cast<u32>(count));
     aid.index = make_index(static_cast<u32>(count));
     if (options != nullptr) {
         set_options(pool.options, *options);
@@ -186,6 +187,7 @@ Pool *make_pool(Held held, const char *name, int count, Size size, const memm_po
     store(pool.last_item, last_slot);
     store(pool.name, name);
     store(pool.slots, slots);
+    aid.small_bytes = size.slot - kHeaderBytes <= PoolAid::kMostSmall ? size.slot - kHeaderBytes : 0;
     aid.is_ordinary = true;
     registry.place(held, id);
     return &pool;

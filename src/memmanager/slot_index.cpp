@@ -36,43 +36,44 @@ SlotIndex *SlotIndex::make(void *block, u32 slots) noexcept
     while (words > 1) {
         words = words_for(words, kBits);
         index->level_[index->levels_++] = {maps, maps + words, words};
+        maps[words] = bit(0);  // of `any`
         maps += std::size_t{2} * words;
     }
+    index->full_ = index->level_[1].full;
     return index;
 }
 
 // Up to the first level that knows already: what is above knows, too.
-void SlotIndex::mark_not_empty(u32 word) noexcept
+void SlotIndex::set(u32 slot) noexcept
 {
-    for (unsigned level = 1; level < levels_; ++level, word /= kBits) {
-        Word &summary = level_[level].any[word / kBits];
-        const Word bit = Word{1} << word % kBits;
-        if ((summary & bit) != 0) {
-            return;
-        }
-        summary |= bit;
+    if (set_at_once(slot)) {
+        return;
     }
+    for (u32 level = 1, word = slot / kBits; level < levels_ && !is_marked(level_[level].any, word); ++level) {
+        level_[level].any[word / kBits] |= bit(word);
+        word /= kBits;
+    }
+    bits_[slot / kBits] = bit(slot);
 }
 
-void SlotIndex::mark_not_full(u32 word) noexcept
+void SlotIndex::clear(u32 slot) noexcept
 {
-    for (unsigned level = 1; level < levels_; ++level, word /= kBits) {
-        Word &summary = level_[level].full[word / kBits];
-        const Word bit = Word{1} << word % kBits;
-        if ((summary & bit) == 0) {
-            return;
-        }
-        summary &= ~bit;
+    if (clear_at_once(slot)) {
+        return;
     }
+    for (u32 level = 1, word = slot / kBits; level < levels_ && is_marked(level_[level].full, word); ++level) {
+        level_[level].full[word / kBits] &= ~bit(word);
+        word /= kBits;
+    }
+    bits_[slot / kBits] &= ~bit(slot);
 }
 
 // A search has met a word whose summary may promise too much.
 void SlotIndex::set_summary(unsigned level, Word *Level::*map, u32 word, bool value) noexcept
 {
-    if (level < levels_) {
+    if (level < levels_ && (value || word != 0)) {
         Word &summary = (level_[level].*map)[word / kBits];
-        const Word bit = Word{1} << word % kBits;
-        summary = value ? summary | bit : summary & ~bit;
+        summary = value ? summary | bit(word) : summary & ~bit(word);
     }
 }
 
@@ -108,7 +109,21 @@ u32 SlotIndex::next(u32 from, Word *Level::*map, Word flip) noexcept
     return kNone;
 }
 
-u32 SlotIndex::next_free(u32 from) noexcept { return next(from, &Level::full, kAll); }
+// Two looks find it as a rule.
+u32 SlotIndex::next_free(u32 from) noexcept
+{
+    if (const Word free = ~bits_[from / kBits] >> from % kBits; free != 0) {
+        return from + static_cast<u32>(std::countr_zero(free));
+    }
+    const u32 word = from / kBits + 1;
+    if (word % kBits != 0) {
+        if (const Word not_full = ~full_[word / kBits] >> word % kBits; not_full != 0) {
+            const u32 found = word + static_cast<u32>(std::countr_zero(not_full));
+            return found < level_[0].words ? found * kBits + static_cast<u32>(std::countr_one(bits_[found])) : kNone;
+        }
+    }
+    return next(word * kBits, &Level::full, kAll);
+}
 
 u32 SlotIndex::next_used(u32 from) noexcept { return next(from, &Level::any, 0); }
 

@@ -84,15 +84,21 @@ void count(Pool &pool, const Found &found) noexcept
     }
 }
 
-// The table is zero from the start, and read without the lock.
-void *occupy_descriptor(const PoolAid &aid, unsigned char *slot) noexcept
+// A free slot becomes a zeroed object. The header is written apart from it, for others may be reading that. The table
+// of descriptors is zero from the start, and read without the lock.
+void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
 {
-    Pool &table = *aid.pool;
-    registry.enrol(*static_cast<Pool *>(object_in(slot)));
+    void *const object = object_in(slot);
+    const bool is_descriptor = aid.id == PoolId::descriptors;
+    if (is_descriptor) {
+        registry.enrol(*static_cast<Pool *>(object));
+    }
     ObjectHeader{aid.id}.write_to(slot);
-    raise_highest(table, add(table.cur_count, 1));
-    raise_to(table.last_used, slot);
-    return object_in(slot);
+    if (aid.index != nullptr) {
+        aid.index->set(aid.number_of(slot));
+    }
+    note_taken(*aid.pool, slot);
+    return is_descriptor ? object : std::memset(object, 0, aid.pool->slot_size - kHeaderBytes);
 }
 
 }  // namespace
@@ -104,10 +110,7 @@ void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept
     const Found found = find_free(aid, limit);
     const bool taken = found.slot <= limit && found.slot != nullptr;
     count(pool, found);
-    void *object = nullptr;
-    if (taken) {
-        object = aid.id == PoolId::descriptors ? occupy_descriptor(aid, found.slot) : occupy(aid, found.slot);
-    }
+    void *const object = taken ? occupy(aid, found.slot) : nullptr;
     if (found.slot > pool.last_normal) [[unlikely]] {
         report_spare_use(pool, found.slot, taken);
     }
@@ -134,7 +137,10 @@ bool pass_slot_elsewhere(const PoolAid &aid) noexcept
     return taken;
 }
 
-unsigned char *highest_used_below(const PoolAid &aid, unsigned char *slot) noexcept
+namespace {
+
+// The highest slot in use at or below this one; the first slot when there is none.
+unsigned char *highest_used_from(const PoolAid &aid, unsigned char *slot) noexcept
 {
     const Pool &pool = *aid.pool;
     if (aid.index != nullptr) {
@@ -145,6 +151,28 @@ unsigned char *highest_used_below(const PoolAid &aid, unsigned char *slot) noexc
         slot -= pool.slot_size;
     }
     return slot;
+}
+
+}  // namespace
+
+void finish_release(Held held, const PoolAid &aid, unsigned char *slot) noexcept
+{
+    if (finish_release_at_once(held, aid, slot)) [[likely]] {
+        return;
+    }
+    Pool &pool = *aid.pool;
+    add(pool.free_count, 1);
+    add(pool.cur_count, -1);
+    ObjectHeader{}.write_to(slot);
+    if (aid.index != nullptr) {
+        aid.index->clear(aid.number_of(slot));
+    }
+    if (slot < pool.first_free) {
+        store(pool.first_free, slot);
+    }
+    if (slot == pool.last_used && slot > pool.slots) {
+        store(pool.last_used, highest_used_from(aid, slot));
+    }
 }
 
 unsigned char *next_in_use(const Pool &pool, unsigned char *from) noexcept

@@ -2,6 +2,7 @@
 
 #include "memmanager/pool.h"
 
+#include <algorithm>
 #include <cstring>
 
 // Taking and giving back slots. What every allocation and release goes through is inline; slots.cpp has the rest.
@@ -19,36 +20,67 @@ inline void raise_highest(Pool &pool, int in_use) noexcept
     }
 }
 
-// A free slot becomes a zeroed object. Not for descriptors.
-[[gnu::always_inline]] inline void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
+// What an object's slot, taken, does to the pool's words.
+[[gnu::always_inline]] inline void note_taken(Pool &pool, unsigned char *slot) noexcept
 {
-    Pool &pool = *aid.pool;
-    ObjectHeader{aid.id}.write_to(slot);
-    if (aid.index != nullptr) {
-        aid.index->set(aid.number_of(slot));
-    }
     raise_highest(pool, add(pool.cur_count, 1));
     if (slot > pool.last_used) {
         store(pool.last_used, slot);
     }
-    // The header is left alone, for others may be reading it.
-    return std::memset(object_in(slot), 0, pool.slot_size - kHeaderBytes);
+}
+
+// Up to PoolAid::kMostSmall bytes, a multiple of 4: blocks of known sizes, the last one laid against the end, need no
+// call.
+[[gnu::always_inline]] inline void zero_small(void *object, u32 bytes) noexcept
+{
+    auto *first = static_cast<unsigned char *>(object);
+    unsigned char *const end = first + bytes;
+    if (bytes > 64) {
+        for (; first < end - 64; first += 64) {
+            std::memset(first, 0, 64);
+        }
+        std::memset(end - 64, 0, 64);
+    } else if (bytes >= 16) {
+        std::memset(first, 0, 16);
+        std::memset(end - 16, 0, 16);
+        if (bytes > 32) {
+            std::memset(first + 16, 0, 16);
+            std::memset(end - 32, 0, 16);
+        }
+    } else {
+        std::memset(first, 0, 4);
+        std::memset(first + bytes / 8 * 4, 0, 4);
+        std::memset(end - 4, 0, 4);
+    }
 }
 
 void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
 
-// A zeroed object, or null; keeps the counters.
-[[gnu::always_inline]] inline void *take_slot(Held, const PoolAid &aid, Reserve reserve) noexcept
+// A zeroed object where the first guess is right and nothing has to be called: most allocations. Null, and nothing has
+// happened, elsewhere.
+[[gnu::always_inline]] inline void *take_slot_at_once(Held, const PoolAid &aid) noexcept
 {
     Pool &pool = *aid.pool;
     unsigned char *const slot = pool.first_free;
-    if (!aid.is_ordinary || slot > pool.last_normal || !is_free(slot)) [[unlikely]] {
-        return take_slot_elsewhere(aid, reserve);
+    const u32 bytes = aid.small_bytes;
+    if (bytes == 0 || slot > pool.last_normal || !is_free(slot) ||
+        (aid.index != nullptr && !aid.index->set_at_once(aid.number_of(slot)))) [[unlikely]] {
+        return nullptr;
     }
     store(pool.first_free, slot + pool.slot_size);
     add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
     add(pool.alloc_count[MEMM_PATH_FIRST_FREE], 1);
-    return occupy(aid, slot);
+    ObjectHeader{aid.id}.write_to(slot);
+    note_taken(pool, slot);
+    zero_small(object_in(slot), bytes);
+    return object_in(slot);
+}
+
+// A zeroed object, or null; keeps the counters.
+[[gnu::always_inline]] inline void *take_slot(Held held, const PoolAid &aid, Reserve reserve) noexcept
+{
+    void *const object = take_slot_at_once(held, aid);
+    return object != nullptr ? object : take_slot_elsewhere(aid, reserve);
 }
 
 bool pass_slot_elsewhere(const PoolAid &aid) noexcept;
@@ -68,32 +100,27 @@ inline bool pass_slot(Held, const PoolAid &aid) noexcept
     return true;
 }
 
-// The highest slot in use below a freed one; the first slot when there is none.
-unsigned char *highest_used_below(const PoolAid &aid, unsigned char *slot) noexcept;
+// The end of a release to which the object's owner has agreed: the slot becomes free.
+void finish_release(Held, const PoolAid &aid, unsigned char *slot) noexcept;
 
-// A slot in use becomes free.
-[[gnu::always_inline]] inline void return_slot(Held, const PoolAid &aid, unsigned char *slot) noexcept
+// The same where nothing has to be searched or called for it; false, and nothing has happened, elsewhere.
+[[gnu::always_inline]] inline bool finish_release_at_once(Held, const PoolAid &aid, unsigned char *slot) noexcept
 {
     Pool &pool = *aid.pool;
+    // Deliberate: when all slots are free again, last_used ends on the first one, not before it.
+    const bool moves_last_used = slot == pool.last_used && slot > pool.slots;
+    if ((moves_last_used && is_free(slot - pool.slot_size)) ||
+        (aid.index != nullptr && !aid.index->clear_at_once(aid.number_of(slot)))) [[unlikely]] {
+        return false;
+    }
+    add(pool.free_count, 1);
     add(pool.cur_count, -1);
     ObjectHeader{}.write_to(slot);
-    if (aid.index != nullptr) {
-        aid.index->clear(aid.number_of(slot));
+    store(pool.first_free, std::min(pool.first_free, slot));  // one is as likely as the other: no branch
+    if (moves_last_used) {
+        store(pool.last_used, slot - pool.slot_size);
     }
-    if (slot < pool.first_free) {
-        store(pool.first_free, slot);
-    }
-    // Deliberate: when all slots are free again, this ends on the first one, not before it.
-    if (slot == pool.last_used && slot > pool.slots) {
-        store(pool.last_used, highest_used_below(aid, slot));
-    }
-}
-
-// The end of a release to which the object's owner has agreed.
-inline void finish_release(Held held, const PoolAid &aid, unsigned char *slot) noexcept
-{
-    return_slot(held, aid, slot);
-    add(aid.pool->free_count, 1);
+    return true;
 }
 
 }  // namespace memm

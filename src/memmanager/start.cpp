@@ -66,7 +66,7 @@ Result start(u32 pools, int parameter) noexcept
         return Result::no_memory;
     }
     registry.enrol(registry.at(0));
-    registry.aid(PoolId::descriptors).slot_size = Divisor{kDescriptorBytes};
+    registry.aid(PoolId::descriptors).set_slots(table, kDescriptorBytes, pools);
     registry.place(Held::by_caller(), PoolId::descriptors);
     ManagerLock::recognise();
     install_signal_handlers();

@@ -33,4 +33,18 @@ void DefaultLock::do_noted() noexcept
     }
 }
 
+// A caller without a hold has left already, but for what was noted meanwhile, or never was inside.
+void DefaultLock::leave_at_length() noexcept
+{
+    if (lock_.is_mine()) {
+        if (has_notes()) {
+            settle_notes();
+        }
+        lock_.release_mine();
+    }
+    if (has_notes()) {
+        do_noted();
+    }
+}
+
 }  // namespace memm

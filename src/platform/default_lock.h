@@ -26,17 +26,27 @@ public:
     // for one may have come between that look and the release. Nothing happens when the caller has no hold.
     void leave() noexcept
     {
-        if (!lock_.is_mine()) [[unlikely]] {
-            return;
+        if (lock_.is_mine_unwaited()) [[likely]] {
+            if (lock_.unnest()) [[unlikely]] {
+                return;
+            }
+            if (leave_at_once()) [[likely]] {
+                return;
+            }
         }
-        if (unusual_.load(std::memory_order_relaxed) != 0) [[unlikely]] {
-            settle_notes();
-        }
-        lock_.release_mine();
-        if (unusual_.load(std::memory_order_seq_cst) != 0) [[unlikely]] {
-            do_noted();
-        }
+        leave_at_length();
     }
+
+    // For work of a few instructions that calls nothing. enter_at_once() takes the lock when it is free and no other
+    // stands around it. leave_at_once() gives up that one hold; false where something is left to do, which
+    // leave_at_length() then does.
+    bool enter_at_once() noexcept { return is_alone() && lock_.take_free(); }
+    bool leave_at_once() noexcept
+    {
+        return unusual_.load(std::memory_order_relaxed) == 0 && lock_.let_go_unwaited() &&
+               unusual_.load(std::memory_order_seq_cst) == 0;
+    }
+    void leave_at_length() noexcept;
 
     bool is_mine() const noexcept { return lock_.is_mine(); }
     bool is_free() const noexcept { return lock_.is_free(); }

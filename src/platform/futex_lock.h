@@ -48,7 +48,7 @@ class FutexLock {
     // Only when the word was just seen to be 0.
     bool claim(std::uintptr_t task) noexcept
     {
-        if (process_has_one_thread()) {
+        if (process_has_one_thread()) [[likely]] {
             word_.store(task, std::memory_order_relaxed);
             std::atomic_signal_fence(std::memory_order_seq_cst);
             return true;
@@ -66,20 +66,26 @@ public:
     bool is_free() const noexcept { return word_.load(std::memory_order_seq_cst) == 0; }
     bool is_mine() const noexcept { return owned_by(word_.load(std::memory_order_relaxed), me()); }
     bool is_nested() const noexcept { return extra_.load(std::memory_order_relaxed) != 0; }
+    // The caller's, and no waiter sleeps.
+    bool is_mine_unwaited() const noexcept { return word_.load(std::memory_order_relaxed) == me(); }
 
     void take() noexcept
     {
         const std::uintptr_t task = me();
         const std::uintptr_t seen = word_.load(std::memory_order_relaxed);
-        if (seen == 0 && claim(task)) [[likely]] {
+        if (seen == 0) [[likely]] {
+            if (claim(task)) [[likely]] {
+                return;
+            }
+        } else if (owned_by(seen, task)) {
+            nest();
             return;
         }
-        if (owned_by(seen, task)) {
-            nest();
-        } else {
-            wait_and_take(nullptr);
-        }
+        wait_and_take(nullptr);
     }
+
+    // Takes a free lock.
+    bool take_free() noexcept { return word_.load(std::memory_order_relaxed) == 0 && claim(me()); }
 
     bool try_take() noexcept
     {
@@ -105,19 +111,39 @@ public:
         return true;
     }
 
-    // For a caller that is known to hold it. Letting go is sequentially consistent, so that whoever notes something and
-    // then finds the lock owned is seen by the owner's next look at the notes.
+    // For a caller that is known to hold it.
     void release_mine() noexcept
     {
-        if (const std::uint32_t extra = extra_.load(std::memory_order_relaxed); extra != 0) [[unlikely]] {
-            extra_.store(extra - 1, std::memory_order_relaxed);
-        } else if (process_has_one_thread()) {
+        if (!unnest() && !let_go_unwaited()) [[unlikely]] {
+            word_.store(0, std::memory_order_seq_cst);
+            wake_one();
+        }
+    }
+
+    // Drops one of several holds that the caller has; false, and nothing happens, when it has one.
+    bool unnest() noexcept
+    {
+        const std::uint32_t extra = extra_.load(std::memory_order_relaxed);
+        if (extra == 0) {
+            return false;
+        }
+        extra_.store(extra - 1, std::memory_order_relaxed);
+        return true;
+    }
+
+    // Lets go of the one hold that the caller has, unless a waiter has to be woken. Sequentially consistent, so that
+    // whoever notes something and then finds the lock owned is seen by the owner's next look at the notes.
+    bool let_go_unwaited() noexcept
+    {
+        if (process_has_one_thread()) [[likely]] {
             std::atomic_signal_fence(std::memory_order_seq_cst);
             word_.store(0, std::memory_order_relaxed);
             std::atomic_signal_fence(std::memory_order_seq_cst);
-        } else if ((word_.exchange(0, std::memory_order_seq_cst) & kWaiters) != 0) [[unlikely]] {
-            wake_one();
+            return true;
         }
+        std::uintptr_t task = word_.load(std::memory_order_relaxed);
+        return (task & kWaiters) == 0 &&
+               word_.compare_exchange_strong(task, 0, std::memory_order_seq_cst, std::memory_order_relaxed);
     }
 };
 

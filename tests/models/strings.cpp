@@ -213,7 +213,8 @@ class Trial {
 
     // --- what the calls do; those that make a record answer its number or -1 ---
 
-    unsigned assign(int d, const Source &source, std::int64_t offset, std::int64_t length)
+    // Less than the least length makes no text; printed ones are texts always.
+    unsigned assign(int d, const Source &source, std::int64_t offset, std::int64_t length, std::int64_t least = 1)
     {
         if (!is_string(d) || !source.is_given || offset < 0)
             return kInvalid;
@@ -222,7 +223,7 @@ class Trial {
         if (stand_by < 0)
             return kNoMemory;
         const auto end = static_cast<std::int64_t>(all.size()), requested = length < 0 ? end - offset : length;
-        if (!source.text.has_value() || offset > end || requested < 1)
+        if (!source.text.has_value() || offset > end || requested < least)
             return finish(d, stand_by, 0);
         auto size = static_cast<std::uint64_t>(requested) + 1;
         if (const unsigned max = at(stand_by).max; max != 0 && size > max)
@@ -261,15 +262,7 @@ class Trial {
         return finish(d, stand_by, place(d, all, all.size(), outside));
     }
 
-    unsigned print(int d, const std::string &text)
-    {
-        const int stand_by = set_aside(d);
-        if (stand_by < 0)
-            return kNoMemory;
-        const unsigned max = at(stand_by).max;
-        const std::string cut = (max == 0 ? text : text.substr(0, max - 1)) + kZero;
-        return finish(d, stand_by, place(d, cut, cut.size(), cut.size() > room()));
-    }
+    unsigned print(int d, const std::string &text) { return assign(d, {true, text}, 0, -1, 0); }
 
     unsigned limit(int d, unsigned max)
     {
@@ -357,6 +350,8 @@ class Trial {
         found.same(reports, without_addresses(recorder().take_trace()) + recorder().take_errors(), "reports");
     }
 
+#define FOLLOW(call, model, ...) follow(call, [&] { return model; } __VA_OPT__(, ) __VA_ARGS__)
+
 public:
     Difference found;
 
@@ -390,89 +385,69 @@ public:
     void step(Stream &in)
     {
         static const char *const kLiterals[] = {"", "x", "a literal", "a literal longer than some buffers"};
-        const unsigned operation = in.below(32);
         const int d = pick(in), s = pick(in), offset = number(in), length = number(in);
         const unsigned max = in.next() < 200 ? in.below(40) : 1900 + in.next();
         const auto [source, pointer] = this->source(in);
         const Source &from = source;
         const std::string given = source.text.value_or("");
+        const auto size = static_cast<std::int64_t>(given.size());
         const char *const literal = kLiterals[s % 4], *const printed = pointer == nullptr ? "" : pointer;
         dynstr *const to = handle(d), *const other = handle(s);
         const bool good = is_string(d), good_source = is_string(s);
-        switch (operation) {
+        switch (in.below(28)) {
         case 0:
+            return FOLLOW(dynstr_setstring(to, pointer), assign(d, from, 0, -1));
         case 1:
-            return follow(dynstr_setstring(to, pointer), [&] { return assign(d, from, 0, -1); });
+            return FOLLOW(dynstr_setdynstr(to, other), assign(d, whole(s), 0, -1));
         case 2:
-            return follow(dynstr_setdynstr(to, other), [&] { return assign(d, whole(s), 0, -1); });
+            return FOLLOW(dynstr_setsubstring(to, pointer, offset, length), assign(d, from, offset, length),
+                          offset < 0 || good, "dynstr_setsubstring: invalid dynstring passed");
         case 3:
-            return follow(
-                dynstr_setsubstring(to, pointer, offset, length), [&] { return assign(d, from, offset, length); },
-                offset < 0 || good, "dynstr_setsubstring: invalid dynstring passed");
+            return FOLLOW(dynstr_setsubdynstr(to, other, offset, length), assign(d, whole(s), offset, length),
+                          offset < 0 || (good && good_source), "dynstr_setsubdynstr: invalid dynstring passed");
         case 4:
-            return follow(
-                dynstr_setsubdynstr(to, other, offset, length), [&] { return assign(d, whole(s), offset, length); },
-                offset < 0 || (good && good_source), "dynstr_setsubdynstr: invalid dynstring passed");
+            return FOLLOW(dynstr_addstring(to, pointer), from.is_given ? append(d, given, size) : kInvalid);
         case 5:
         case 6:
-            return follow(dynstr_addstring(to, pointer), [&] {
-                return from.is_given ? append(d, given, static_cast<std::int64_t>(given.size())) : kInvalid;
-            });
         case 7:
+            return FOLLOW(dynstr_addstring_size(to, pointer, length), append(d, given, length));
         case 8:
-            return follow(dynstr_addstring_size(to, pointer, length), [&] { return append(d, given, length); });
+            return FOLLOW(dynstr_setmaxsize(to, max), limit(d, max), good, "\"dynstr_setmaxsize() invalid param\"");
         case 9:
-            return follow(
-                dynstr_setmaxsize(to, max), [&] { return limit(d, max); }, good,
-                "\"dynstr_setmaxsize() invalid param\"");
+            return FOLLOW(dynstr_reset(to), reset(d), good, "\"dynstr_reset() invalid param\"");
         case 10:
-            return follow(
-                dynstr_reset(to), [&] { return reset(d); }, good, "\"dynstr_reset() invalid param\"");
+            return FOLLOW(dynstr_sprintf(to, "%s", printed), print(d, given), good,
+                          "dynstr_sprintf: invalid dynstr passed");
         case 11:
-            return follow(
-                dynstr_sprintf(to, "%s", printed), [&] { return print(d, given); }, good,
-                "dynstr_sprintf: invalid dynstr passed");
+            return max < 40 ? ask(d, s)
+                            : FOLLOW(dynstr_refalloc(to), memm_refalloc(object(twin_, d)) == nullptr ? -1 : d);
         case 12:
-            if (max >= 40)
-                follow(dynstr_refalloc(to), [&] { return memm_refalloc(object(twin_, d)) == nullptr ? -1 : d; });
-            return;
-        case 13:
             recorder().fail_nth(Op::getmem, 1);
             next_block_fails = true;
             return;
+        case 13:
+            return FOLLOW(dynstr_calloc_maxsize(id_, max), create(true, [&](int made) { return limit(made, max); }));
         case 14:
-            return follow(dynstr_calloc_maxsize(id_, max),
-                          [&] { return create(true, [&](int made) { return limit(made, max); }); });
+            return FOLLOW(dynstr_fromliteral(id_, literal), create(true, [&](int made) {
+                              at(made) = {.text = literal + kZero, .callers = literal, .is_literal = true};
+                              return 0U;
+                          }));
         case 15:
-            return follow(dynstr_fromliteral(id_, literal), [&] {
-                return create(true, [&](int made) {
-                    at(made) = {.text = literal + kZero, .callers = literal, .is_literal = true};
-                    return 0;
-                });
-            });
+            return FOLLOW(dynstr_fromdynstr(other), create_from(true, whole(s), 0, -1), good_source,
+                          "dynstr_fromdynstr_nolock: invalid dynstring passed");
         case 16:
-            return follow(
-                dynstr_fromdynstr(other), [&] { return create_from(true, whole(s), 0, -1); }, good_source,
-                "dynstr_fromdynstr_nolock: invalid dynstring passed");
+            return FOLLOW(dynstr_fromsubdynstr(other, offset, length), create_from(true, whole(s), offset, length),
+                          good_source, "dynstr_fromsubdynstr_nolock: invalid poolid passed");
         case 17:
-            return follow(
-                dynstr_fromsubdynstr(other, offset, length),
-                [&] { return create_from(true, whole(s), offset, length); }, good_source,
-                "dynstr_fromsubdynstr_nolock: invalid poolid passed");
+            return FOLLOW(dynstr_fromsubstring(id_, pointer, offset, length), create_from(false, from, offset, length));
         case 18:
-            return follow(dynstr_fromsubstring(id_, pointer, offset, length),
-                          [&] { return create_from(false, from, offset, length); });
+            return FOLLOW(dynstr_fromprintf(id_, "%s", printed),
+                          create(false, [&](int made) { return print(made, given); }));
         case 19:
-            return follow(dynstr_fromprintf(id_, "%s", printed),
-                          [&] { return create(false, [&](int made) { return print(made, given); }); });
         case 20:
-        case 21:
-            return follow(dynstr_fromstring(id_, pointer), [&] { return create_from(false, from, 0, -1); });
-        case 22:
-        case 23:
-            return ask(d, s);
+            return FOLLOW(dynstr_fromstring(id_, pointer), create_from(false, from, 0, -1));
         default:
-            return follow(memm_free(to), [&] { return release(d); });
+            return FOLLOW(memm_free(to), release(d));
         }
     }
 
