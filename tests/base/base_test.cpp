@@ -3,6 +3,7 @@
 #include "base/text.h"
 
 #include <climits>
+#include <functional>
 #include <random>
 #include <string>
 
@@ -55,31 +56,17 @@ TEST(format, prints_every_conversion_in_every_form_as_the_c_library_does)
         };
         const std::string letter(1, "diuxXo"[dice() % 6]);
         const long long wide = dice() % 9 == 0 ? LLONG_MIN : 1LL * value * number() * (dice() % 2 == 0 ? 1 : 1 << 20);
-        switch (dice() % 8) {
-        case 0:
-            expect(letter, value);
-            break;
-        case 1:
-            expect("hh" + letter, value);
-            break;
-        case 2:
-            expect("h" + letter, value);
-            break;
-        case 3:
-            expect(std::string(1, "lzt"[dice() % 3]) + letter, static_cast<long>(wide));
-            break;
-        case 4:
-            expect((dice() % 2 == 0 ? "ll" : "j") + letter, wide);
-            break;
-        case 5:
-            expect("s", texts[dice() % 5]);
-            break;
-        case 6:
-            expect("c", value);
-            break;
-        default:
-            expect("p", reinterpret_cast<void *>(static_cast<std::uintptr_t>(dice() % 4 == 0 ? 0 : wide)));
-        }
+        const std::function<void()> ways[] = {
+            [&] { expect(letter, value); },
+            [&] { expect("hh" + letter, value); },
+            [&] { expect("h" + letter, value); },
+            [&] { expect(std::string(1, "lzt"[dice() % 3]) + letter, static_cast<long>(wide)); },
+            [&] { expect((dice() % 2 == 0 ? "ll" : "j") + letter, wide); },
+            [&] { expect("s", texts[dice() % 5]); },
+            [&] { expect("c", value); },
+            [&] { expect("p", reinterpret_cast<void *>(static_cast<std::uintptr_t>(dice() % 4 == 0 ? 0 : wide))); },
+        };
+        ways[dice() % 8]();
     }
     const char unterminated[] = {'a', 'b', 'c'};
     expect_as_in_libc("%.3s|%5.2s|100%%%.s", unterminated, unterminated, "cut");

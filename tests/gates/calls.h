@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
 #include <random>
 #include <string>
 #include <sys/mman.h>
@@ -283,6 +284,20 @@ inline std::vector<Parameter> parameters_of(const char *function, const std::str
     return all;
 }
 
+template <class... P>
+constexpr bool takes_object_first =
+    sizeof...(P) > 0 &&
+    is_object<std::remove_cv_t<std::remove_pointer_t<std::tuple_element_t<0, std::tuple<P..., int>>>>>;
+
+// What functions answer to null where they want an object.
+template <class R> bool is_refusal(R result)
+{
+    if constexpr (std::is_pointer_v<R>)
+        return result == nullptr;
+    else
+        return result == R() || static_cast<int>(result) == -1 || static_cast<int>(result) == MEMM_E_INVALID;
+}
+
 template <class R, class... P, class F> Call call_of(const char *name, const char *prototype, F run)
 {
     const auto parameters = parameters_of(name, prototype);
@@ -298,10 +313,17 @@ template <class R, class... P, class F> Call call_of(const char *name, const cha
                   : void()),
              ...);
             const auto result = [&] { return run(std::get<I>(arguments)...); };
-            if constexpr (std::is_same_v<R, const char *>)
+            if constexpr (std::is_same_v<R, const char *>) {
                 static_cast<void>(std::string(result() == nullptr ? "" : result()));
-            else
-                static_cast<void>(result());
+            } else if constexpr (std::is_void_v<R>) {
+                result();
+            } else {
+                const R is = result();
+                if (parameter == 0 && bad == 0 && takes_object_first<P...> && !parameters[0].is_of("strcmp") &&
+                    !parameters[0].is_of("todynstr")) {  // no list is an empty one
+                    EXPECT_TRUE(is_refusal(is)) << name;
+                }
+            }
         };
     }
     (std::index_sequence_for<P...>{});

@@ -151,14 +151,14 @@ TEST(files, are_written_where_they_are_ours_and_nowhere_else)
 {
     gates::Children children;
     for (const Obstacle &obstacle : kObstacles)
-        for (const Report &report : kReports)
+        for (const Report &report : kReports) {
+            const OwnFolder folder;
             if (children.fork(std::string(obstacle.name) + " at " + report.name)) {
-                const OwnFolder folder;
                 try_report(folder, report, obstacle);
                 umount((folder.path(report.is_usage ? "/var/tmp" : "/tmp")).c_str());
-                children.end();
             }
-    EXPECT_EQ(children.end(), "");
+            EXPECT_EQ(children.end(), "");
+        }
 }
 
 TEST(files, with_orders_are_followed_when_they_are_plain_ones)

@@ -83,7 +83,6 @@ TEST(statistics, rows_and_totals_to_the_last_character)
     EXPECT_EQ(recorder().take_tags(), Strings{"memm_print_stats"});
     memm_print_stats2("r_", trc_def_printf);
     EXPECT_EQ(recorder().take_trace(), expected);
-    memm_print_stats2("r_", nullptr);
     EXPECT_EQ(recorder().take_tags(), Strings{"memm_print_stats"});
     EXPECT_EQ(printed(memm_print_stats, "no such pool") + printed(memm_print_objects, "no such pool"), "\r\n\r\n");
     EXPECT_NE(printed(memm_print_objects, "").find(" - '(null)'\r\n\r\n"), std::string::npos)

@@ -30,16 +30,13 @@ std::string format_text(const char *format, va_list arguments)
     return result;
 }
 
-// By handle; a handle is an index above 0. A deque's elements stay where they are.
-std::deque<memm::FutexLock> &mutexes()
-{
-    static auto *all = new std::deque<memm::FutexLock>(1);
-    return *all;
-}
+// By handle, which is an index above 0.
+memm::FutexLock mutexes[2000];
+std::atomic<unsigned> mutex_count{1};
 
 memm::FutexLock *find_mutex(unsigned handle)
 {
-    return handle == 0 || handle >= mutexes().size() ? nullptr : &mutexes()[handle];
+    return handle == 0 || handle >= mutex_count ? nullptr : &mutexes[handle];
 }
 
 void append(std::string &channel, const std::string &more)
@@ -186,8 +183,7 @@ unsigned xmu_create(const char *name, int option, unsigned *handle)
     recorder().mutex_calls_.push_back(text("create(%s,%d)", name, option));
     if (code != 0)
         return static_cast<unsigned>(code);
-    *handle = static_cast<unsigned>(mutexes().size());
-    mutexes().emplace_back();
+    *handle = mutex_count++;
     return 0;
 }
 

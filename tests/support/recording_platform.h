@@ -38,7 +38,8 @@ public:
 
     void allow_reports() { reports_allowed_ = true; }  // traces and errors need not be taken in this test
 
-    // The n-th call from now on (1 is the next) fails, and the `repeated - 1` calls after it; fault() is taken for that.
+    // The n-th call from now on (1 is the next) fails, and the `repeated - 1` calls after it; fault() is taken for
+    // that.
     static void fail_nth(Op op, unsigned n, unsigned code = 7, Fault how = Fault::refused, unsigned repeated = 1);
     static void fail_never() { fault = nullptr; }
     unsigned calls(Op op) { return calls_[static_cast<std::size_t>(op)]; }  // all in this process

@@ -42,9 +42,9 @@ class Traffic {
         ++released;
     }
 
-    void work(unsigned seed, int rounds)
+    void work(unsigned seed)
     {
-        for (int round = 0; round < rounds && !stop_; ++round) {
+        for (int round = 0; !stop_; ++round) {
             seed = seed * 1103515245 + 12345;
             auto *const item = static_cast<Item *>(memm_calloc(pools[seed >> 16 & 1]));
             ASSERT_TRUE(item != nullptr && item->number == 0 && item->same_number == 0);
@@ -69,56 +69,45 @@ public:
     const int texts = dynstr_initpool2("texts", 300, 4000, 2);
     std::atomic<unsigned> allocated{0}, released{0};
 
-    explicit Traffic(int rounds, unsigned threads = 8)
+    explicit Traffic(unsigned threads = 8)
     {
         for (unsigned i = 0; i < threads; ++i)
-            threads_.emplace_back([this, i, rounds] { work(i, rounds); });
+            threads_.emplace_back([this, i] { work(i); });
     }
     void signal(unsigned thread, int number) { pthread_kill(threads_[thread % 8].native_handle(), number); }
 
-    void end(bool at_once = false)
+    void end()
     {
-        stop_ = at_once;
+        stop_ = true;
         for (std::thread &thread : threads_)
             thread.join();
         for (auto &box : boxes_)
             release(box.exchange(nullptr));
         EXPECT_EQ(dynstr_integrity_check(static_cast<unsigned>(texts), 0), 1);
-        for (const unsigned pool : {pools[0], pools[1], static_cast<unsigned>(nodes)})
-            EXPECT_TRUE(pool_at(pool).cur_count == 0 && pool_at(pool).refs == 0 && pool_at(pool).flags == 0);
+        EXPECT_EQ(pool_at(static_cast<unsigned>(nodes)).cur_count, 0);
+        for (const unsigned pool : pools) {
+            const memm_pool &p = pool_at(pool);
+            EXPECT_TRUE(p.cur_count == 0 && p.refs == 0 && p.flags == 0);
+            allocated -= p.alloc_count[MEMM_PATH_TOTAL], released -= p.free_count;
+        }
+        EXPECT_EQ(allocated | released, 0U);
     }
 };
 
 int print_nowhere(const char *, ...) { return 0; }
 
-TEST(threads, keep_every_counter_exact_while_others_make_pools_and_read_them)
+TEST(threads, keep_the_stamps_of_objects_texts_and_lists_that_cross_them)
 {
-    Traffic traffic(scaled(5000, 30000), 32);
-    std::thread maker([] {
-        for (int count = 1; count <= 30; ++count)
-            memm_free(memm_calloc(make_pool("", count * 20)));
-    });
-    for (int round = 0; round < scaled(2000); ++round) {
-        memm_set_trace(round % 3);
-        for (unsigned pool = 0; pool < 40; ++pool) {
-            void *const object = memm_getobject_byindex(pool, round % 20);
-            memm_get_poolname2(pool), memm_getpoolcookie_bypoolid(pool), memm_isvalidobj(object),
-                memm_get_poolid(object);
-        }
-        memm_print_stats2("few", print_nowhere);
-    }
-    maker.join();
+    Traffic traffic(32);
+    while (traffic.allocated < static_cast<unsigned>(scaled(200000, 5000000)))
+        usleep(1000);
     traffic.end();
-    unsigned total = 0, freed = 0;
-    for (const unsigned pool : traffic.pools)
-        total += pool_at(pool).alloc_count[MEMM_PATH_TOTAL], freed += pool_at(pool).free_count;
-    EXPECT_TRUE(total == traffic.allocated && freed == traffic.released);
 }
 
 std::atomic<int> handled{0};
 int under_lock;
 
-TEST(threads, allocate_while_their_handlers_take_the_lock_and_reports_are_asked_for)
+TEST(threads, keep_every_counter_while_handlers_take_the_lock_and_others_make_pools_and_ask_for_reports)
 {
     const OwnFolder folder;
     folder.order("many\nstats\n");
@@ -131,16 +120,25 @@ TEST(threads, allocate_while_their_handlers_take_the_lock_and_reports_are_asked_
     };
     action.sa_flags = SA_RESTART;
     sigaction(SIGALRM, &action, nullptr);
-    Traffic traffic(1 << 30);
+    Traffic traffic;
+    std::thread maker([] {
+        for (int count = 1; count <= 30; ++count)
+            memm_free(memm_calloc(make_pool("", count * 20)));
+    });
     unsigned seed = 1;
     for (int sent = 0; sent < scaled(100000, 2000000); ++sent, seed = seed * 1103515245 + 12345) {
         const int signals[] = {SIGALRM, SIGALRM, SIGUSR1, SIGUSR2};
         traffic.signal(seed >> 20, signals[seed >> 16 & 3]);
         spin(seed >> 20 & 1023);
+        void *const object = memm_getobject_byindex(seed >> 16 & 31, static_cast<int>(seed >> 20 & 15));
+        memm_isvalidobj(object), memm_get_poolid(object), memm_get_poolname(object), memm_set_trace(sent % 3);
+        if (sent % 64 == 0)
+            memm_print_stats2("few", print_nowhere);
     }
+    maker.join();
     memm_calloc(make_pool("marker", 2));  // a report begins after the last signal of its kind
     traffic.signal(0, SIGUSR1), traffic.signal(1, SIGUSR2);
-    traffic.end(true);
+    traffic.end();
     EXPECT_EQ(under_lock, handled);
     for (const std::string &path : {folder.usage_path(), folder.contents_path()}) {
         const std::string report = content_of(path);
@@ -167,7 +165,7 @@ bool works_in_child(const OwnFolder &folder, unsigned pool, bool holds)
 TEST(threads, fork_gives_the_child_whole_pools_and_the_holds_of_the_forking_thread)
 {
     const OwnFolder folder;
-    Traffic traffic(1 << 30);
+    Traffic traffic;
     for (int round = 0; round < scaled(200, 10000); ++round) {
         const bool holds = round % 2 == 0;
         if (holds)
@@ -181,7 +179,7 @@ TEST(threads, fork_gives_the_child_whole_pools_and_the_holds_of_the_forking_thre
         ASSERT_EQ(waitpid(child, &status, 0), child);
         ASSERT_EQ(status, 0);
     }
-    traffic.end(true);
+    traffic.end();
 }
 
 void *report_until_cancelled(void *)
