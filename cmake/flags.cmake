@@ -38,6 +38,9 @@ target_compile_options(memm_library_flags INTERFACE
 if(MEMM_SANITIZE MATCHES undefined)
     target_compile_options(memm_library_flags INTERFACE -fno-sanitize=vptr)  # needs RTTI
 endif()
+if(MEMM_FUZZ)
+    target_compile_options(memm_library_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 if(MEMM_SANITIZE MATCHES thread AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
     target_compile_options(memm_library_flags INTERFACE -Wno-tsan)  # fences order atomic words only, no plain data

@@ -7,9 +7,6 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <string>
-#include <vector>
-
-using Texts = std::vector<std::string>;  // tags, mostly
 
 // A string pool with a look inside; without a name, for names are given only once.
 class SmallPool {

@@ -2,228 +2,29 @@
 
 #include "small_pool.h"
 
+#include <memmanager/platform.h>
+#include <arpa/inet.h>
 #include <climits>
 #include <cstring>
-#include <sys/mman.h>
-#include <thread>
 
 namespace {
 
 constexpr unsigned kInvalid = MEMM_E_INVALID, kNoMemory = MEMM_E_NO_MEMORY;
-const std::string kWarning = "[DYNSTR] WARNING: loc_dynstr_updatepool fixed wrong predicted size\r\n";
+constexpr unsigned char kBytes[] = {0x01, 0xff, 0x2a, 0x00, 0xB2, 0x60};
 const std::string kBadSize = "[DYNSTR] loc_setstrsize with invalid size\r\n";
+bool locked_while_asked = false;
 
-std::string show(unsigned code) { return text("0x%x", code); }
-std::string show(int value) { return std::to_string(value); }
-std::string show(const char *text) { return text; }
-std::string show(dynstr *record)
+}  // namespace
+
+// The one calendar operation that is replaced: it sees whether the lock is held.
+unsigned xtm_getdaylightsaving(int *flag)
 {
-    const std::string result = record == nullptr ? "null" : dynstr_getstring_nolock(record);
-    memm_free_nolock(record);
-    return result;
+    locked_while_asked |= recorder().manager_lock_depth() != 0;
+    *flag = 0;
+    return 0;
 }
 
-const SmallPool &the_pool()
-{
-    static const SmallPool pool;
-    return pool;
-}
-
-dynstr *good()
-{
-    static dynstr *const record = the_pool().make("good");
-    return record;
-}
-
-// Pointers that are no strings, with the text that stands for them.
-std::vector<std::pair<dynstr *, std::string>> no_strings()
-{
-    const std::string none = "*NOT_MEMMSTR*", other = "*NOT_DYNSTR*";
-    static char plain[64];
-    void *const forbidden = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    void *const gone = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    munmap(gone, 4096);
-    std::vector<std::pair<dynstr *, std::string>> all = {{SmallPool().make(), none}};
-    memm_free(all[0].first);
-    const auto add = [&all](auto *pointer, const std::string &text) {
-        all.emplace_back(reinterpret_cast<dynstr *>(pointer), text);
-    };
-    for (void *pointer : {forbidden, gone, static_cast<void *>(plain), reinterpret_cast<void *>(&no_strings)})
-        add(pointer, none);
-    for (std::uintptr_t bytes = 0; bytes <= 8; ++bytes) {
-        add(reinterpret_cast<char *>(bytes), none);
-        add(reinterpret_cast<char *>(good()) + bytes + 1, none);
-    }
-    for (void *cookie : {static_cast<void *>(nullptr), reinterpret_cast<void *>(42), reinterpret_cast<void *>(-1L),
-                         forbidden, gone, static_cast<void *>(good())}) {
-        memm_pooloptions options{};
-        options.cookie = cookie;
-        add(memm_calloc(static_cast<unsigned>(memm_initpool("", 1, 64, &options))), cookie == nullptr ? none : other);
-    }
-    return all;
-}
-
-// A call, its results for a good and for a bad argument, the tag of its lock and whether it takes that to find out.
-enum Lock { none, good_only, always };
-template <typename Argument> struct Call {
-    std::string (*run)(Argument);
-    std::string result, bad_result;
-    const char *tag;
-    Lock lock;
-    const char *trace = "";  // of a bad argument
-    int level = 2;
-};
-
-template <typename Argument> void check(const Call<Argument> &call, Argument argument, bool is_good)
-{
-    const std::string result = is_good ? call.result : call.bad_result;
-    const std::string trace = is_good || *call.trace == '\0' ? "" : text("[DYNSTR] %s\r\n", call.trace);
-    recorder().take_tags();
-    EXPECT_EQ(call.run(argument), result) << call.tag;
-    EXPECT_EQ(recorder().take_tags(),
-              call.lock == always || (call.lock == good_only && is_good) ? Texts{call.tag} : Texts());
-    EXPECT_EQ(recorder().take_trace(), trace) << call.tag;
-    memm_set_trace(call.level - 1);
-    EXPECT_EQ(call.run(argument), result);
-    EXPECT_EQ(recorder().take_trace(), "") << call.tag;
-    memm_set_trace(2);
-}
-
-#define CALL(expression) [](dynstr *d) { return show(expression); }
-
-TEST(string_calls, take_the_lock_under_their_tags_and_refuse_what_is_no_string)
-{
-    const std::string no = "0x10003", ok = "0x0";
-    const char *const add = "dynstr_addstring_size", *const sub = "dynstr_setsubstring";
-    const Call<dynstr *> calls[] = {
-        {CALL(dynstr_setstring(d, "x")), ok, no, "dynstr_setstring", always},
-        {CALL(dynstr_setstring(d, nullptr)), no, no, "dynstr_setstring", always},
-        {CALL(dynstr_setstring_nolock(d, "x")), ok, no, "", none},
-        {CALL(dynstr_setdynstr(d, good())), ok, no, "dynstr_setdynstr", always},
-        {CALL(dynstr_setdynstr_nolock(d, good())), ok, no, "", none},
-        {CALL(dynstr_setbool(d, -7)), ok, no, "dynstr_setstring", always},
-        {CALL(dynstr_addstring(d, nullptr)), no, no, "", none},
-        {CALL(dynstr_addstring(d, "")), ok, no, "", none},
-        {CALL(dynstr_addstring_size(d, nullptr, 1)), ok, no, "", none},
-        {CALL(dynstr_addstring(d, "x")), ok, no, add, good_only},
-        {CALL(dynstr_addstring_size(d, "xyz", 2)), ok, no, add, good_only},
-        {CALL(dynstr_strcmp2(d, "1xxxyxy") == 0 ? "same" : "else"), "same", "else", "dynstr_strcmp2", always},
-        {CALL(dynstr_setsubstring(d, "x", -1, 1)), no, no, "", none},
-        {CALL(dynstr_setsubdynstr(d, d, -1, 1)), no, no, "", none},
-        {CALL(dynstr_setsubstring(d, "xyz", 1, 1)), ok, no, sub, good_only,
-         "dynstr_setsubstring: invalid dynstring passed"},
-        {CALL(dynstr_setsubdynstr(d, good(), 1, 1)), ok, no, sub, good_only,
-         "dynstr_setsubdynstr: invalid dynstring passed"},
-        {CALL(dynstr_setsubdynstr(good(), d, 0, -1)), ok, no, sub, good_only,
-         "dynstr_setsubdynstr: invalid dynstring passed"},
-        {CALL(dynstr_reset(d)), ok, no, "dynstr_reset", good_only, "\"dynstr_reset() invalid param\"", 1},
-        {CALL(dynstr_setmaxsize(d, 9)), ok, no, "dynstr_setmaxsize", good_only, "\"dynstr_setmaxsize() invalid param\"",
-         1},
-        {CALL(dynstr_getmaxsize(d)), "0x9", ok, "", none, "\"dynstr_getmaxsize() invalid param\"", 1},
-        {CALL(dynstr_isdynstring(d)), "1", "0", "", none},
-        {CALL(dynstr_setstring_nolock(d, "text")), ok, no, "", none},
-        {CALL(dynstr_fromdynstr(d)), "text", "null", "dynstr_fromdynstr", always,
-         "dynstr_fromdynstr_nolock: invalid dynstring passed"},
-        {CALL(dynstr_fromdynstr_nolock(d)), "text", "null", "", none,
-         "dynstr_fromdynstr_nolock: invalid dynstring passed"},
-        {CALL(dynstr_fromsubdynstr(d, 1, 2)), "ex", "null", "dynstr_fromsubdynstr", always,
-         "dynstr_fromsubdynstr_nolock: invalid poolid passed"},
-        {CALL(dynstr_fromsubdynstr_nolock(d, 3, -1)), "t", "null", "", none,
-         "dynstr_fromsubdynstr_nolock: invalid poolid passed"},
-    };
-    dynstr *const record = the_pool().make("text"), *const deleted = the_pool().make("old");
-    memm_free(deleted);
-    auto pointers = no_strings();
-    pointers.emplace_back(deleted, "*DELETED_DYNSTR*");
-    for (const auto &call : calls) {
-        check(call, record, true);
-        for (const auto &[pointer, stands_for] : pointers)
-            check(call, pointer, false);
-    }
-    pointers.emplace_back(record, "text");
-    pointers.emplace_back(the_pool().make(), "");
-    for (const auto &[pointer, expected] : pointers) {
-        char copied[32] = "dirt";
-        recorder().take_tags();
-        EXPECT_EQ(show(dynstr_getstring(pointer)), expected);
-        const auto sign = [](int order) { return (order > 0) - (order < 0); };
-        EXPECT_EQ(sign(dynstr_strcmp(pointer, good())), sign(expected.compare(dynstr_getstring_nolock(good()))));
-        EXPECT_EQ(dynstr_strcmp2(pointer, nullptr) == 0, expected.empty());
-        EXPECT_EQ(show(dynstr_strncpy(copied, pointer, 0)), "dirt");
-        EXPECT_EQ(show(dynstr_strncpy(copied, pointer, 4)), expected.substr(0, 3));
-        EXPECT_EQ(dynstr_strncpy(nullptr, pointer, 4), nullptr);
-        EXPECT_EQ(recorder().take_tags(), (Texts{"dynstr_getstring", "dynstr_strcmp", "dynstr_strcmp2",
-                                                 "dynstr_strncpy", "dynstr_strncpy", "dynstr_strncpy"}));
-        const bool is_source = pointer == deleted || dynstr_isdynstring(pointer) == 1;
-        EXPECT_EQ(dynstr_setdynstr(good(), pointer), is_source ? 0 : kInvalid);
-    }
-    EXPECT_EQ(dynstr_strlen(nullptr), 0U);
-    EXPECT_TRUE(the_pool().is_sound());
-}
-
-#undef CALL
-#define CALL(expression) [](unsigned id) { return show(expression); }
-
-TEST(string_calls, refuse_pools_that_are_no_string_pools)
-{
-    const char *const whole = "dynstr_fromstring_nolock: invalid poolid passed",
-                      *const part = "dynstr_fromsubstring: invalid poolid passed",
-                      *const literal = "dynstr_fromliteral: invalid poolid passed";
-    const Call<unsigned> calls[] = {
-        {CALL(dynstr_fromstring(id, "abc")), "abc", "null", "dynstr_fromstring", always, whole},
-        {CALL(dynstr_fromstring(id, nullptr)), "null", "null", "dynstr_fromstring", always, whole},
-        {CALL(dynstr_fromstring_nolock(id, "abc")), "abc", "null", "", none, whole},
-        {CALL(dynstr_fromsubstring(id, "abc", 1, 1)), "b", "null", "dynstr_fromsubstring", good_only, part},
-        {CALL(dynstr_fromsubstring(id, "abc", -1, 1)), "null", "null", "dynstr_fromsubstring", good_only, part},
-        {CALL(dynstr_fromliteral(id, "abc")), "abc", "null", "dynstr_fromliteral", good_only, literal},
-        {CALL(dynstr_fromliteral(id, nullptr)), "null", "null", "", none, literal},
-    };
-    const unsigned strings = the_pool().id();
-    memm_pooloptions options{};
-    options.cookie = &options;
-    const auto other = static_cast<unsigned>(memm_initpool("", 1, 1, &options));
-    for (const auto &call : calls) {
-        check(call, strings, true);
-        for (const unsigned id : {0U, 1U, other, 9999U, UINT_MAX})
-            check(call, id, false);
-    }
-    const memm_pool &records = *memm_get_pool_nolock(strings);
-    EXPECT_EQ(records.cur_count - the_pool().control().delcnt, 1) << "the spare one; failures give theirs back";
-    recorder().take_tags();
-    EXPECT_EQ(dynstr_getmaxsize(dynstr_calloc_maxlen(strings, 2046)), 2047U);
-    EXPECT_EQ(dynstr_calloc_maxlen(strings, UINT_MAX)->info, 0U);
-    EXPECT_EQ(dynstr_calloc_maxsize(strings, 2048)->info, 0U);
-    EXPECT_EQ(dynstr_refalloc(dynstr_calloc_maxsize(other, 7)) != nullptr, true) << "slots without room for a limit";
-    EXPECT_EQ(recorder().take_tags(),
-              (Texts{"memm_calloc", "memm_calloc", "memm_calloc", "memm_calloc", "memm_refalloc"}));
-}
-
-TEST(parts_of_texts, end_with_their_source)
-{
-    struct Case {
-        int offset, length;
-        unsigned code;
-        const char *expected;
-        std::string trace;
-    };
-    const char *const source = "abcdef";
-    for (const Case &c : {Case{2, -1, 0, "cdef", ""},
-                          {3, -7, 0, "def", ""},
-                          {2, 0, 0, "", ""},
-                          {4, 100, 0, "ef", kWarning},
-                          {6, 2, 0, "", kWarning},
-                          {7, 5, 0, "", ""},
-                          {INT_MAX, INT_MAX, 0, "", ""},
-                          {0, 70000, kNoMemory, "", ""},
-                          {0, INT_MAX, kNoMemory, "", kBadSize}}) {
-        dynstr *const a = the_pool().make("old"), *const own = the_pool().make(source);
-        EXPECT_EQ(dynstr_setsubstring(a, source, c.offset, c.length), c.code);
-        EXPECT_EQ(dynstr_setsubdynstr(own, own, c.offset, c.length), c.code);
-        EXPECT_EQ(recorder().take_trace(), c.trace + c.trace) << c.offset << ' ' << c.length;
-        EXPECT_EQ(show(a), c.expected);
-        EXPECT_EQ(show(own), c.expected);
-    }
-}
+namespace {
 
 // Sizes of the short and the long form, of the longest text, and one more.
 TEST(long_texts, are_held_up_to_134217727_bytes)
@@ -255,11 +56,19 @@ TEST(long_texts, are_held_up_to_134217727_bytes)
     }
     EXPECT_EQ(dynstr_fromstring(pool.id(), most.c_str()), nullptr);
     EXPECT_EQ(dynstr_fromliteral(pool.id(), most.c_str()), nullptr);
-    dynstr *const literal = dynstr_fromliteral(pool.id(), end_with(kMost)), *const d = pool.make();
-    EXPECT_EQ(dynstr_addstring(literal, "y"), kNoMemory);
-    EXPECT_EQ(recorder().take_trace(), kBadSize + kBadSize + kBadSize);
+    EXPECT_EQ(dynstr_addstring(dynstr_fromliteral(pool.id(), end_with(kMost)), "y"), kNoMemory);
+    EXPECT_EQ(dynstr_sprintf(pool.make(), "%*s", static_cast<int>(kMost), ""), kNoMemory);
+    for (const int count : {0x4000000, 0x3fffffff, INT_MAX}) {
+        EXPECT_EQ(dynstr_sethexstring(pool.make(), kBytes, count), kNoMemory);
+        EXPECT_EQ(dynstr_sethexstring(pool.make(nullptr, 6), kBytes, count), 0U) << "the limit cuts first";
+    }
+    std::string complaints;
+    for (int i = 0; i < 7; ++i)
+        complaints += kBadSize;
+    EXPECT_EQ(recorder().take_trace(), complaints);
+    dynstr *const d = pool.make();
     EXPECT_EQ(dynstr_addstring_size(d, "abc", INT_MAX), 0U) << "what counts is the rest of the text";
-    EXPECT_EQ(show(d), "abc");
+    EXPECT_STREQ(dynstr_getstring(d), "abc");
 }
 
 TEST(appends, know_their_buffer_by_its_number)
@@ -275,56 +84,120 @@ TEST(appends, know_their_buffer_by_its_number)
     EXPECT_TRUE(pool.is_sound());
 }
 
-TEST(literals, stay_as_their_owner_wrote_them)
-{
-    char text[] = "literal";
-    dynstr *const d = dynstr_fromliteral(the_pool().id(), text);
-    EXPECT_EQ(dynstr_getstring(d), text);
-    text[3] = '\0';  // no owner should, but it harms nobody else
-    EXPECT_EQ(dynstr_addstring(d, "+"), 0U);
-    EXPECT_EQ(show(dynstr_getstring(d)), "lit+");
-    EXPECT_STREQ(text + 4, "ral");
-    EXPECT_TRUE(the_pool().is_sound());
-}
-
 TEST(outside_blocks, that_cannot_be_given_back_are_reported)
 {
     const SmallPool pool(10, 1, 20);
     memm_free(pool.make("012345"));
     recorder().fail_nth(Op::retmem, 1);
-    EXPECT_EQ(show(dynstr_fromstring(pool.id(), "abcdef")), "abcdef");
+    EXPECT_STREQ(dynstr_getstring(dynstr_fromstring(pool.id(), "abcdef")), "abcdef");
     EXPECT_EQ(recorder().take_trace(), "[DYNSTR] ERROR: loc_dynstr_updatepool failed to release dynamic memory\r\n");
     EXPECT_EQ(recorder().outside_blocks(), 0U);
 }
 
-TEST(threads, keep_their_texts_in_one_pool)
+TEST(formatted_text, may_fail_or_ask_for_the_characters_printed_so_far)
 {
-    const SmallPool pool(600, 3, 30);
-    const auto work = [&pool](char letter) {
-        dynstr *const mine = pool.make();
-        std::string expected;
-        for (int round = 0; round < scaled(5000); ++round) {
-            if (expected.size() > 40) {
-                expected.clear();
-                EXPECT_EQ(dynstr_reset(mine), 0U);
-            }
-            expected += letter;
-            ASSERT_EQ(dynstr_addstring_size(mine, expected.c_str(), 1), 0U);
-            dynstr *const copy = dynstr_fromdynstr(mine);
-            ASSERT_EQ(dynstr_isdynstring(copy), 1);
-            EXPECT_EQ(dynstr_getmaxsize(copy), 0U);
-            EXPECT_EQ(dynstr_strlen(copy), expected.size());
-            EXPECT_EQ(dynstr_strcmp2(copy, expected.c_str()), 0);
-            EXPECT_EQ(memm_free(copy), 0);
-        }
+    constexpr wchar_t kNotInThisLocale[] = {L'\x1234', L'\0'};
+    char format[] = "ab%nc";  // in writable memory, as a format that was put together is
+    for (const unsigned room : {40U, 6U, 3U, 1U}) {
+        const SmallPool pool(room, 1);
+        dynstr *const string = pool.make(nullptr, 3);
+        EXPECT_EQ(dynstr_sprintf(string, "abc%ls", kNotInThisLocale), 0U);
+        EXPECT_EQ(string->info & 0xffffU, 1U) << "not a text of its terminating zero alone";
+        EXPECT_TRUE(pool.is_sound());
+        int printed = 0;
+        dynstr_sprintf(string, format, &printed);
+        EXPECT_EQ(printed, 2);
+    }
+    const char *const no_format = nullptr;
+    EXPECT_EQ(dynstr_sprintf(SmallPool().make(), no_format), kInvalid);
+}
+
+TEST(hexadecimal, goes_both_ways_at_every_length)
+{
+    const SmallPool pool(400000, 2);
+    dynstr *const string = pool.make();
+    for (const unsigned count : {0U, 32766U, 32767U, 32768U, 70000U}) {
+        std::string bytes(count, 'u'), back(count + 1, 'b');
+        EXPECT_EQ(dynstr_sethexstring(string, reinterpret_cast<unsigned char *>(bytes.data()), static_cast<int>(count)),
+                  0U);
+        EXPECT_EQ(dynstr_strlen(string), 2 * count);
+        auto *const to = reinterpret_cast<unsigned char *>(back.data());
+        EXPECT_EQ(dynstr_gethexstring(string, to, static_cast<int>(count) - 1), unsigned{MEMM_E_TOO_SMALL});
+        EXPECT_EQ(dynstr_gethexstring(string, to, static_cast<int>(count)), 0U);
+        EXPECT_EQ(back, bytes + 'b');
+        EXPECT_TRUE(pool.is_sound()) << count;
+    }
+}
+
+TEST(values, are_written_as_their_readers_want_them)
+{
+    const SmallPool pool;
+    const unsigned id = pool.id(), host = inet_addr("192.168.1.2");
+    dynstr *const d = pool.make(), *const dates[] = {pool.make(), pool.make(), pool.make()};
+    EXPECT_EQ(dynstr_setlong(d, INT_MIN) + dynstr_setutcdatetime(dates[0], 0), 0U);
+    EXPECT_EQ(dynstr_setutcdatetime(dates[1], 1735689598) + dynstr_setutcdatetime(dates[2], UINT_MAX), 0U);
+    const std::pair<dynstr *, const char *> texts[] = {{d, "-2147483648"},
+                                                       {dates[0], "0001-01-01T00:00:00Z"},
+                                                       {dates[1], "2024-12-31T23:59:58Z"},
+                                                       {dates[2], "2106-02-07T06:28:15Z"},
+                                                       {dynstr_fromulong(id, UINT_MAX), "4294967295"},
+                                                       {dynstr_fromlong(id, -7), "-7"},
+                                                       {dynstr_fromipaddr(id, host), "192.168.1.2"},
+                                                       {dynstr_frommacaddr(id, kBytes), "01:ff:2a:00:b2:60"},
+                                                       {dynstr_hexstringfromdata(id, kBytes, 2), "01ff"},
+                                                       {dynstr_hexstringfromdata(id, nullptr, 5), ""},
+                                                       {dynstr_hexstringfromdata(id, kBytes, INT_MIN), ""}};
+    for (const auto &[string, expected] : texts)
+        EXPECT_STREQ(dynstr_getstring(string), expected);
+    dynstr *string = nullptr;
+    _dynstr_ex_fromprintf(id, &string, "%d %s", "file", 1, 7, "seven");
+    EXPECT_STREQ(dynstr_getstring(string), "7 seven");
+    _dynstr_ex_fromsubstring(id, &string, "abcd", 1, 2, "file", 1);
+    EXPECT_STREQ(dynstr_getstring(string), "bc");
+    unsigned seconds = 0;
+    EXPECT_EQ(dynstr_getutcdatetime(dates[1], &seconds), 0U);
+    EXPECT_FALSE(locked_while_asked);
+    EXPECT_EQ(dynstr_setmacaddr(d, nullptr), kInvalid);
+    EXPECT_EQ(dynstr_frommacaddr(id, nullptr), nullptr);
+}
+
+TEST(calls, name_themselves_when_they_refuse)
+{
+    const SmallPool pool;
+    dynstr *const d = pool.make("1");
+    memm_free(d);
+    unsigned out = 0;
+    unsigned char bytes[6];
+    const auto refuses = [](const char *name, unsigned code) {
+        EXPECT_EQ(code, kInvalid) << name;
+        EXPECT_EQ(recorder().take_trace(), text("[DYNSTR] %s: invalid dynstring passed\r\n", name));
     };
-    std::vector<std::thread> threads;
-    for (const char letter : {'a', 'b', 'c', 'd'})
-        threads.emplace_back(work, letter);
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_GT(pool.control().gccnt, 0U);
-    EXPECT_TRUE(pool.is_sound());
+    const auto makes_none = [](const char *name, const dynstr *made) {
+        EXPECT_EQ(made, nullptr);
+        EXPECT_EQ(recorder().take_trace(), text("[DYNSTR] %s: invalid poolid passed\r\n", name));
+    };
+    refuses("dynstr_getulong", dynstr_getulong(d, &out));
+    refuses("dynstr_getlong", dynstr_getlong(d, reinterpret_cast<int *>(&out)));
+    refuses("dynstr_getbool", dynstr_getbool(d, &out));
+    refuses("dynstr_getipaddr", dynstr_getipaddr(d, &out));
+    refuses("dynstr_getmacaddr", dynstr_getmacaddr(d, bytes));
+    refuses("dynstr_getutcdatetime", dynstr_getutcdatetime(d, &out));
+    refuses("dynstr_gethexstring", dynstr_gethexstring(d, bytes, 2));
+    const auto other = static_cast<unsigned>(memm_initpool("", 1, 64, nullptr));
+    auto **const stranger = static_cast<unsigned char **>(memm_calloc(other));
+    EXPECT_EQ(dynstr_getulong(reinterpret_cast<dynstr *>(stranger), &out), kInvalid);
+    EXPECT_EQ(recorder().take_trace(), "") << "no word about no text";
+    *stranger = bytes;
+    refuses("dynstr_getulong", dynstr_getulong(reinterpret_cast<dynstr *>(stranger), &out));
+    makes_none("dynstr_fromstring_nolock", dynstr_fromstring(other, ""));
+    makes_none("dynstr_fromsubstring", dynstr_fromsubstring(0, "", 0, 0));
+    makes_none("dynstr_fromliteral", dynstr_fromliteral(1, ""));
+    makes_none("dynstr_fromprintf", dynstr_fromprintf(99, "%d", 7));
+    makes_none("dynstr_hexstringfromdata", dynstr_hexstringfromdata(UINT_MAX, bytes, 1));
+    memm_set_trace(1);
+    EXPECT_EQ(dynstr_getulong(d, &out), kInvalid);
+    EXPECT_EQ(dynstr_sethexstring(d, bytes, 1), kInvalid);
+    EXPECT_EQ(recorder().take_trace(), "");
 }
 
 }  // namespace

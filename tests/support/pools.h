@@ -4,6 +4,8 @@
 #include <csignal>
 #include <gtest/gtest.h>
 #include <string>
+#include <tuple>
+#include <vector>
 
 // Makes a pool in a manager that is started by the first call.
 inline unsigned make_pool(const char *name, int count, int size = 24, const memm_pooloptions &options = {})
@@ -18,6 +20,15 @@ inline unsigned make_pool(const char *name, int count, int size = 24, const memm
 inline memm_pool &pool_at(unsigned id) { return *memm_get_pool_nolock(id); }
 
 inline unsigned &header_of(void *object) { return static_cast<unsigned *>(object)[-1]; }
+
+// What a pool counts, to compare two pools that went through the same.
+inline auto figures(unsigned id)
+{
+    const memm_pool &pool = pool_at(id);
+    return std::tuple(pool.cur_count, pool.max_count, pool.max_count_rel, pool.free_count, pool.scan_steps, pool.flags,
+                      pool.refs, pool.max_refs, pool.first_free - pool.slots, pool.last_used - pool.slots,
+                      std::vector(pool.alloc_count, pool.alloc_count + MEMM_PATHS));
+}
 
 // A report as it looks: each of its lines ends with a '|', which shows the blanks before it. The first line is dropped.
 inline std::string lines(const std::string &picture)
