@@ -94,7 +94,7 @@ Node *make_node(Held held, int poolid, void *object) noexcept
         return nullptr;
     }
     auto *const node = static_cast<Node *>(allocate(held, id));
-    if (node != nullptr) {
+    if (node != nullptr && node != object) {  // a released node may be the slot just taken: none holds itself
         node->obj = object;
     }
     return node;
@@ -102,11 +102,12 @@ Node *make_node(Held held, int poolid, void *object) noexcept
 
 Result append(Held held, Node **plist, void *object, int poolid) noexcept
 {
+    const bool has_list = is_list(plist);  // asked first: a released node may be the slot that is taken
     Node *const node = make_node(held, poolid, object);
     if (node == nullptr) {
         return Result::no_memory;
     }
-    if (!is_list(plist)) {
+    if (!has_list) {
         static_cast<void>(release(held, node));
         return Result::invalid;
     }

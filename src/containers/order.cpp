@@ -73,11 +73,12 @@ Node **insertion_link(Node **plist, int index) noexcept
 // Deliberate: the node is made first, and is not given back when there is no such position.
 Result insert(Held held, Node **plist, void *object, int index, int poolid) noexcept
 {
+    const bool has_list = is_list(plist);  // asked first: a released node may be the slot that is taken
     Node *const node = make_node(held, poolid, object);
     if (node == nullptr) {
         return Result::no_memory;
     }
-    Node **const link = insertion_link(plist, index);
+    Node **const link = has_list ? insertion_link(plist, index) : nullptr;
     if (link == nullptr) {
         return Result::invalid;
     }

@@ -54,11 +54,12 @@ Result set_part_at(Held held, Node *list, int index, Part part, const char *text
 
 Result append_pair(Held held, Node **plist, const char *first, const char *second, int poolid, int strpool) noexcept
 {
+    Node **const list = is_list(plist) ? plist : nullptr;  // asked first: a released node may be a slot that is taken
     Node *const pair = make_pair(held, first, second, poolid, strpool);
     if (pair == nullptr) {
         return Result::no_memory;
     }
-    const Result result = append(held, plist, pair, poolid);
+    const Result result = append(held, list, pair, poolid);
     if (result == Result::no_memory) {
         static_cast<void>(release(held, pair));
     }

@@ -1,10 +1,9 @@
 /* An application with platform operations of its own. The script that compiles it passes the list of all operations as
  * OPERATIONS(X) and for each of them REPLACE_<name> as 0 or 1. After a few calls into the library every operation that
- * was replaced must have been entered here, and none of the others. */
+ * was replaced must have been entered here. platform.h is left out: where nothing else matters, a replacement counts
+ * and answers 0, whatever its parameters are. */
 #include <memmanager/dynstring.h>
 #include <memmanager/lock.h>
-#include <memmanager/memmanager.h>
-#include <memmanager/platform.h>
 #include <memmanager/timestat.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,34 +14,44 @@
 #define NUMBER(operation) number_of_##operation,
 #define ENTERED(operation) ++entered[number_of_##operation]
 
+#pragma GCC visibility push(default)
 enum { OPERATIONS(NUMBER) OPERATION_COUNT };
 static const char *const names[] = {OPERATIONS(NAME)};
 static const int replaced[] = {OPERATIONS(STATE)};
 static int entered[OPERATION_COUNT];
 
-/* Only a timeout makes the library ask for task and name; this application's mutex has one. */
-#define SCRIPT_xmu_p (REPLACE_xmu_p || REPLACE_vemo_t_ident || REPLACE_xt_getname)
+#define JOIN(a, b) a##b
+#define WHEN(is_replaced) JOIN(WHEN_, is_replaced)
+#define WHEN_0(...)
+#define WHEN_1(...) __VA_ARGS__
+#define REPLACE(operation, parameters, ...)                                                                            \
+    WHEN(REPLACE_##operation)                                                                                          \
+    (unsigned operation parameters; unsigned operation parameters {                                                    \
+        ENTERED(operation);                                                                                            \
+        __VA_ARGS__;                                                                                                   \
+        return 0;                                                                                                      \
+    })
 
-#if REPLACE_xm_alloc
-unsigned xm_alloc(const char *label, int option, unsigned size, void **block)
-{
-    (void)label, (void)option, ENTERED(xm_alloc);
-    return (*block = calloc(1, size)) == NULL;
-}
-#endif
-#if REPLACE_xm_getmem
-unsigned xm_getmem(unsigned size, void **block) { return ENTERED(xm_getmem), (*block = malloc(size)) == NULL; }
-#endif
-#if REPLACE_xm_retmem
-unsigned xm_retmem(void *block) { return ENTERED(xm_retmem), free(block), 0; }
-#endif
-#if REPLACE_xmu_create
-unsigned xmu_create(const char *name, int option, unsigned *handle)
-{
-    return (void)name, (void)option, ENTERED(xmu_create), *handle = 0, 0;
-}
-#endif
-#if SCRIPT_xmu_p
+REPLACE(xm_alloc, (const char *label, int option, unsigned size, void **block), (void)label, (void)option,
+        *block = calloc(1, size))
+REPLACE(xm_getmem, (unsigned size, void **block), *block = malloc(size))
+REPLACE(xm_retmem, (void *block), free(block))
+REPLACE(xmu_create, (const char *name, int option, unsigned *handle), (void)name, (void)option, *handle = 0)
+REPLACE(xmu_v, (unsigned handle), (void)handle)
+REPLACE(P, (const char *tag), (void)tag)
+REPLACE(V, (void), (void)0)
+REPLACE(vemo_t_ident, (int a, int b, int *id), (void)a, (void)b, *id = 1)
+REPLACE(xt_getname, (int id, char *name), (void)id, memcpy(name, "MAIN", 4))
+REPLACE(xtm_gettimestamp, (unsigned *seconds, unsigned *microseconds), *seconds = *microseconds = 0)
+REPLACE(xtm_time_date_struct, (int *record, unsigned seconds, int a, int b), (void)seconds, (void)a, (void)b,
+        memset(record, 0, 10 * sizeof *record))
+REPLACE(xtm_time_date_struct_to_seconds, (unsigned *seconds, int *record), (void)record, *seconds = 0)
+REPLACE(xtm_gettimezone, (int *timezone), *timezone = 0)
+REPLACE(xtm_getdaylightsaving, (int *flag), *flag = 0)
+REPLACE(trc_def_printf, (const char *format, ...), (void)format)
+REPLACE(err_printf, (unsigned code, int severity, const char *module), (void)code, (void)severity, (void)module)
+#if REPLACE_xmu_p || REPLACE_vemo_t_ident || REPLACE_xt_getname /* only a timeout makes the library ask for those */
+unsigned xmu_p(unsigned handle, int mode, int timeout);
 unsigned xmu_p(unsigned handle, int mode, int timeout)
 {
     static int timeouts;
@@ -50,77 +59,19 @@ unsigned xmu_p(unsigned handle, int mode, int timeout)
     return mode == 1 || timeouts++ == 0 ? 6 : 0;
 }
 #endif
-#if REPLACE_xmu_v
-unsigned xmu_v(unsigned handle) { return (void)handle, ENTERED(xmu_v), 0; }
-#endif
-#if REPLACE_P
-void P(const char *tag) { (void)tag, ENTERED(P); }
-#endif
-#if REPLACE_V
-void V(void) { ENTERED(V); }
-#endif
-#if REPLACE_vemo_t_ident
-unsigned vemo_t_ident(int a, int b, int *id) { return (void)a, (void)b, ENTERED(vemo_t_ident), *id = 1, 0; }
-#endif
-#if REPLACE_xt_getname
-unsigned xt_getname(int id, char *name) { return (void)id, ENTERED(xt_getname), memcpy(name, "MAIN", 4), 0; }
-#endif
-#if REPLACE_xtm_gettimestamp
-void xtm_gettimestamp(unsigned *seconds, unsigned *microseconds)
-{
-    ENTERED(xtm_gettimestamp), *seconds = *microseconds = 0;
-}
-#endif
-#if REPLACE_xtm_time_date_struct
-unsigned xtm_time_date_struct(xtm_date *record, unsigned seconds, int a, int b)
-{
-    (void)seconds, (void)a, (void)b, ENTERED(xtm_time_date_struct);
-    return memset(record, 0, sizeof *record), 0;
-}
-#endif
-#if REPLACE_xtm_time_date_struct_to_seconds
-unsigned xtm_time_date_struct_to_seconds(unsigned *seconds, xtm_date *record)
-{
-    return (void)record, ENTERED(xtm_time_date_struct_to_seconds), *seconds = 0, 0;
-}
-#endif
-#if REPLACE_xtm_gettimezone
-unsigned xtm_gettimezone(int *timezone) { return ENTERED(xtm_gettimezone), *timezone = 0, 0; }
-#endif
-#if REPLACE_xtm_getdaylightsaving
-unsigned xtm_getdaylightsaving(int *flag) { return ENTERED(xtm_getdaylightsaving), *flag = 0, 0; }
-#endif
-#if REPLACE_dbg_vprintf_cb
-static int sink(const char *format, va_list arguments)
-{
+extern int (*dbg_vprintf_cb)(const char *format, va_list arguments);
+WHEN(REPLACE_dbg_vprintf_cb)
+(static int sink(const char *format, va_list arguments) {
     return (void)format, (void)arguments, ENTERED(dbg_vprintf_cb), 0;
-}
-int (*dbg_vprintf_cb)(const char *format, va_list arguments) = sink;
-#endif
-#if REPLACE_dbg_printf
-int dbg_printf(const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    ENTERED(dbg_printf), dbg_vprintf_cb(format, arguments);
-    va_end(arguments);
-    return 0;
-}
-#endif
-#if REPLACE_trc_def_printf
-int trc_def_printf(const char *format, ...) { return (void)format, ENTERED(trc_def_printf), 0; }
-#endif
-#if REPLACE_err_printf
-int err_printf(unsigned code, int severity, const char *module, const char *file, int line, const char *message)
-{
-    return (void)code, (void)severity, (void)module, (void)file, (void)line, (void)message, ENTERED(err_printf), 0;
-}
-#endif
+} int (*dbg_vprintf_cb)(const char *format, va_list arguments) = sink;)
+    REPLACE(dbg_printf, (const char *format, ...), va_list arguments; va_start(arguments, format);
+            dbg_vprintf_cb(format, arguments); va_end(arguments))
 
-static void reach_every_operation(void)
+        int main(void)
 {
     LOCK lock;
     timestat watch;
+    unsigned seconds = 1;
     memm_initpool("early", 1, 4, NULL); /* err_printf */
     memm_init(8, 8);
     memm_init(8, 8); /* trc_def_printf */
@@ -131,18 +82,11 @@ static void reach_every_operation(void)
     lock_unlock(&lock);
     lock_print_allstats();
     timestat_starttime(&watch);
-    unsigned seconds = 1;
-    const unsigned pool = (unsigned)dynstr_initpool("strings", 8, 64);
-    dynstr *date = dynstr_calloc(pool);
+    dynstr *date = dynstr_calloc((unsigned)dynstr_initpool("strings", 8, 64));
     dynstr_setutcdatetime(date, seconds);
     dynstr_getutcdatetime(date, &seconds);
     dynstr_sprintf(date, "%0100d", 0); /* more than the buffer holds: an outside block */
-}
-
-int main(void)
-{
     int failures = 0;
-    reach_every_operation();
     for (int i = 0; i < OPERATION_COUNT; ++i) {
         if (replaced[i] && entered[i] == 0) {
             fprintf(stderr, "the library did not call the application's %s\n", names[i]);

@@ -1,6 +1,5 @@
 #include "support/file_calls.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdarg>
@@ -12,65 +11,57 @@
 #include <iterator>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-FileFaults file_faults;
 std::atomic<unsigned> dumps_opened{0};
 
 namespace {
 
 char folder[64];  // empty: paths are left alone
-std::atomic<int> dump_file{-1};
-unsigned writes;
-std::size_t written_bytes;
+std::atomic<bool> is_own[1024];
 
 struct RealPath {
     char text[256] = "";
-    bool is_dump = false, is_diverted = false;
+    bool is_own = false;
 
     explicit RealPath(const char *name)
     {
         for (const char *prefix : {"/etc/config/", "/tmp/memm_dump_", "/var/tmp/memm_"})
-            is_dump = is_dump || std::strncmp(name, prefix, std::strlen(prefix)) == 0;
-        is_diverted = is_dump && *folder != '\0';
-        const std::size_t lead = is_diverted ? std::strlen(folder) : 0;
-        std::memcpy(text, folder, lead);
-        std::strncpy(text + lead, name, sizeof text - lead - 1);
+            is_own = is_own || std::strncmp(name, prefix, std::strlen(prefix)) == 0;
+        std::strcpy(text, is_own ? folder : "");
+        std::strncat(text, name, sizeof text - sizeof folder - 1);
     }
 };
 
-bool fails(int file, int error)
+int fault_on(bool own, Op op)
 {
-    if (file != dump_file || error == 0)
-        return false;
-    errno = error;
-    return true;
+    const int code = own ? fault_of(op) : 0;
+    if (code > 0)
+        errno = code;
+    return code;
 }
+
+int fault_on(int file, Op op) { return fault_on(file >= 0 && file < 1024 && is_own[file], op); }
 
 }  // namespace
 
 OwnFolder::OwnFolder()
 {
     // In memory where that can be: a disk may take milliseconds for a file.
-    std::string name = (access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + std::string("/memm_test_XXXXXX");
-    if (mkdtemp(name.data()) == nullptr)
+    std::strcpy(folder, access("/dev/shm", W_OK) == 0 ? "/dev/shm/memm_test_XXXXXX" : "/tmp/memm_test_XXXXXX");
+    if (mkdtemp(folder) == nullptr)
         std::abort();
     for (const char *part : {"/etc/config", "/tmp", "/var/tmp"})
-        std::filesystem::create_directories(name + part);
-    std::filesystem::permissions(name, std::filesystem::perms(0755));
-    std::strcpy(folder, name.c_str());
+        std::filesystem::create_directories(path(part));
+    std::filesystem::permissions(folder, std::filesystem::perms(0755));
 }
 
 OwnFolder::~OwnFolder()
 {
-    const std::string name = folder;
+    std::filesystem::remove_all(folder);
     *folder = '\0';
-    std::filesystem::remove_all(name);
 }
 
 std::string OwnFolder::path(const std::string &name) const { return folder + name; }
-std::string OwnFolder::usage_path(int pid) const { return path("/var/tmp/memm_" + std::to_string(pid)); }
-std::string OwnFolder::contents_path(int pid) const { return path("/tmp/memm_dump_" + std::to_string(pid)); }
 void OwnFolder::order(const std::string &lines) const { write_file(path("/etc/config/memm_dump_pools"), lines); }
 
 std::string content_of(const std::string &path)
@@ -95,17 +86,15 @@ int open(const char *name, int flags, ...)
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     const RealPath path(name);
-    if (path.is_dump && file_faults.open_error != 0) {
-        errno = file_faults.open_error;
+    if (path.is_own && file_faults.open_error != 0)
+        return errno = file_faults.open_error, -1;
+    if (fault_on(path.is_own, Op::open) != 0)
         return -1;
-    }
     const int file = openat(AT_FDCWD, path.text, flags, mode);
-    if (file >= 0 && path.is_diverted && (flags & O_ACCMODE) == O_WRONLY) {
-        dump_file = file;
-        writes = 0;
-        written_bytes = 0;
+    if (file >= 0 && file < 1024)
+        is_own[file] = path.is_own;
+    if (file >= 0 && path.is_own && (flags & O_ACCMODE) == O_WRONLY)
         ++dumps_opened;
-    }
     return file;
 }
 
@@ -113,37 +102,27 @@ int unlink(const char *name) noexcept { return unlinkat(AT_FDCWD, RealPath(name)
 
 int fstat(int file, struct stat *status) noexcept
 {
-    return fails(file, file_faults.fstat_error) ? -1 : fstatat(file, "", status, AT_EMPTY_PATH);
+    return fault_on(file, Op::fstat) != 0 ? -1 : fstatat(file, "", status, AT_EMPTY_PATH);
 }
 
 int ftruncate(int file, off_t length) noexcept
 {
     char name[32] = "/proc/self/fd/";
-    *std::to_chars(name + std::strlen(name), name + sizeof name, file).ptr = '\0';
-    return fails(file, file_faults.ftruncate_error) ? -1 : truncate(name, length);
+    *std::to_chars(name + std::strlen(name), std::end(name), file).ptr = '\0';
+    return fault_on(file, Op::ftruncate) != 0 ? -1 : truncate(name, length);
 }
 
 ssize_t write(int file, const void *bytes, size_t count)
 {
-    if (file == dump_file) {
-        if (file_faults.interrupt_every != 0 && ++writes % file_faults.interrupt_every == 0)
-            return fails(file, EINTR), -1;
-        if (written_bytes >= file_faults.room && fails(file, file_faults.write_error))
-            return -1;
-        if (file_faults.write_error != 0)
-            count = std::min(count, file_faults.room - written_bytes);
-        count = std::min(count, file_faults.write_most);
-        written_bytes += count;
-    }
-    return syscall(SYS_write, file, bytes, count);
+    const int code = fault_on(file, Op::write);
+    return code > 0 ? -1 : syscall(SYS_write, file, bytes, code == kShort ? size_t{1} : count);
 }
 
 int close(int file)
 {
-    const bool failing = fails(file, file_faults.close_error);
-    int expected = file;
-    dump_file.compare_exchange_strong(expected, -1);
-    const auto result = static_cast<int>(syscall(SYS_close, file));
-    return failing ? -1 : result;
+    const int code = fault_on(file, Op::close);
+    if (file >= 0 && file < 1024)
+        is_own[file] = false;
+    return syscall(SYS_close, file) != 0 || code != 0 ? -1 : 0;
 }
 }

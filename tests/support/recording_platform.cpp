@@ -30,16 +30,13 @@ std::string format_text(const char *format, va_list arguments)
     return result;
 }
 
-// By handle; a handle is an index above 0. A deque's elements stay where they are.
-std::deque<memm::FutexLock> &mutexes()
-{
-    static auto *all = new std::deque<memm::FutexLock>(1);
-    return *all;
-}
+// By handle, which is an index above 0.
+memm::FutexLock mutexes[2000];
+std::atomic<unsigned> mutex_count{1};
 
 memm::FutexLock *find_mutex(unsigned handle)
 {
-    return handle == 0 || handle >= mutexes().size() ? nullptr : &mutexes()[handle];
+    return handle == 0 || handle >= mutex_count ? nullptr : &mutexes[handle];
 }
 
 void append(std::string &channel, const std::string &more)
@@ -54,18 +51,24 @@ int capture_debug(const char *format, va_list arguments)
     return recorder().print_result;
 }
 
+// Counts a call and asks what it is to do.
+int fault_of_next(Op op)
+{
+    ++recorder().calls_[static_cast<std::size_t>(op)];
+    return fault_of(op);
+}
+
 // A block has exactly the size, for the address sanitizer.
 unsigned get_block(Op op, unsigned size, void **block)
 {
+    const int code = fault_of_next(op);
+    if (code > 0 || size > recorder().largest_block)
+        return code > 0 ? static_cast<unsigned>(code) : 12;
     const std::lock_guard guard(recorder().mutex_);
-    const Recorder::Plan &plan = recorder().plan(op);
-    const bool fails = recorder().plan(op).next_fails();
-    if (fails && plan.fault == Fault::refused)
-        return plan.code;
     *block = nullptr;
-    if (fails && plan.fault == Fault::null_block)
+    if (code == kNullBlock)
         return 0;
-    const std::size_t lead = fails ? 4 : 0;  // misaligned
+    const std::size_t lead = code == kMisaligned ? 4 : 0;
     auto *const memory = static_cast<unsigned char *>(std::malloc(size + lead));
     if (memory == nullptr)
         return 12;
@@ -120,21 +123,13 @@ void Recorder::forget()
     take_tags(), take_allocations(), take_mutex_calls();
 }
 
-void Recorder::fail_nth(Op op, unsigned n, unsigned code, Fault fault, unsigned repeated)
+void Recorder::fail_nth(Op op, unsigned n, unsigned code, Fault how, unsigned repeated)
 {
-    const std::lock_guard guard(mutex_);
-    Plan &plan = this->plan(op);
-    plan.first = plan.calls + n;
-    plan.beyond = plan.first + repeated;
-    plan.code = code;
-    plan.fault = fault;
-}
-
-void Recorder::fail_never()
-{
-    const std::lock_guard guard(mutex_);
-    for (Plan &plan : plans_)
-        plan.first = plan.beyond = 0;
+    const int answer = how == Fault::refused ? static_cast<int>(code) : static_cast<int>(how);
+    fault = [=, number = 0U](Op asked) mutable {
+        number += asked == op ? 1 : 0;
+        return n != 0 && asked == op && number >= n && number < n + repeated ? answer : 0;
+    };
 }
 
 unsigned Recorder::outside_blocks() const
@@ -173,27 +168,29 @@ unsigned xm_getmem(unsigned size, void **block) { return get_block(Op::getmem, s
 
 unsigned xm_retmem(void *block)
 {
+    const int code = fault_of_next(Op::retmem);
     const std::lock_guard guard(recorder().mutex_);
-    const bool fails = recorder().plan(Op::retmem).next_fails();
     EXPECT_TRUE(recorder().outside_.erase(block) != 0 || block == nullptr)
         << "xm_retmem of a block that xm_getmem did not give, or that was given back before";
     std::free(block);
-    return fails ? recorder().plan(Op::retmem).code : 0;
+    return static_cast<unsigned>(code);
 }
 
 unsigned xmu_create(const char *name, int option, unsigned *handle)
 {
+    const int code = fault_of_next(Op::create);
     const std::lock_guard guard(recorder().mutex_);
     recorder().mutex_calls_.push_back(text("create(%s,%d)", name, option));
-    if (recorder().plan(Op::create).next_fails())
-        return recorder().plan(Op::create).code;
-    *handle = static_cast<unsigned>(mutexes().size());
-    mutexes().emplace_back();
+    if (code != 0)
+        return static_cast<unsigned>(code);
+    *handle = mutex_count++;
     return 0;
 }
 
 unsigned xmu_p(unsigned handle, int mode, int timeout)
 {
+    if (const int code = fault_of_next(Op::take); code != 0)
+        return static_cast<unsigned>(code);
     std::unique_lock guard(recorder().mutex_);
     recorder().mutex_calls_.push_back(text("p(%d,%d)", mode, timeout));
     if (auto &results = recorder().xmu_p_results_; !results.empty()) {

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "support/faults.h"
 #include "support/rounds.h"
 
 #include <atomic>
 #include <deque>
-#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -16,13 +16,7 @@
 //
 // A listener looks at every test's end: P and V balanced, dbg_vprintf_cb as it was, and no trace or error left that the
 // test has not taken. The dump files of the process are removed then.
-enum class Op { alloc, getmem, retmem, create };
-
-enum class Fault {
-    refused,     // answers the code
-    null_block,  // xm_alloc and xm_getmem: success without a block
-    misaligned   // xm_alloc: success with a block that lies 4 bytes off
-};
+enum class Fault { refused = 0, null_block = kNullBlock, misaligned = kMisaligned };
 
 class Recorder {
 public:
@@ -44,12 +38,13 @@ public:
 
     void allow_reports() { reports_allowed_ = true; }  // traces and errors need not be taken in this test
 
-    // --- faults ---
-    // The n-th call from now on (1 is the next) fails, and the `repeated - 1` calls after it.
-    void fail_nth(Op op, unsigned n, unsigned code = 7, Fault fault = Fault::refused, unsigned repeated = 1);
-    void fail_never();
-    unsigned calls(Op op) { return plan(op).calls; }  // all in this process
-    unsigned outside_blocks() const;                  // from xm_getmem and not given back
+    // The n-th call from now on (1 is the next) fails, and the `repeated - 1` calls after it; fault() is taken for
+    // that.
+    static void fail_nth(Op op, unsigned n, unsigned code = 7, Fault how = Fault::refused, unsigned repeated = 1);
+    static void fail_never() { fault = nullptr; }
+    unsigned calls(Op op) { return calls_[static_cast<std::size_t>(op)]; }  // all in this process
+    unsigned outside_blocks() const;                                        // from xm_getmem and not given back
+    unsigned largest_block = ~0U;                                           // more is refused
 
     // --- xmu_p: the next calls answer these; one that answers 0 takes the mutex first, others do not touch it ---
     void script_xmu_p(std::vector<unsigned> results);
@@ -61,28 +56,14 @@ public:
     std::atomic<int> print_result{0};                       // what dbg_printf and trc_def_printf answer
     unsigned manager_lock_depth() const { return depth_; }  // holds by all tasks
 
-    // --- what the operations note, and how they are to behave; guarded by the mutex ---
-    struct Plan {
-        std::atomic<unsigned> calls{0};
-        unsigned first = 0, beyond = 0;  // failing calls, by number
-        unsigned code = 0;
-        Fault fault = Fault::refused;
-
-        bool next_fails()  // counts a call
-        {
-            const unsigned number = ++calls;
-            return number >= first && number < beyond;
-        }
-    };
-
+    // --- what the operations note; guarded by the mutex ---
     mutable std::mutex mutex_;
     std::string debug_, trace_, errors_;
     std::vector<std::string> tags_, mutex_calls_;
     std::vector<Allocation> allocations_;
     std::vector<void *> blocks_;  // of xm_alloc, for ever
     std::set<void *> outside_;
-    Plan plans_[4];
-    Plan &plan(Op op) { return plans_[static_cast<std::size_t>(op)]; }
+    std::atomic<unsigned> calls_[16]{};
     std::deque<unsigned> xmu_p_results_;
     unsigned long long now_us_ = 1000000000, step_us_ = 1;
     std::atomic<unsigned> depth_{0};

@@ -1,0 +1,132 @@
+// Every exported function: with bad arguments, under failures of the platform, in pools that are too small.
+#include "gates/calls.h"
+#include "gates/children.h"
+#include "support/file_calls.h"
+
+#include <cerrno>
+#include <csignal>
+
+namespace {
+
+using namespace gates;
+
+TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
+{
+    const OwnFolder folder;
+    const int rounds = std::max(1, scaled(3));
+    recorder().largest_block = 1 << 24;
+    recorder().allow_reports();
+    Children children;
+    std::atomic<int> &made = *static_cast<std::atomic<int> *>(
+        mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    for (const Call &call : calls()) {
+        if (!children.fork(call.name))
+            continue;
+        static World world({});
+        for (std::size_t i = 0; i < call.bad_ones.size(); ++i)
+            for (std::size_t bad = 0, count = call.bad_ones[i](world); bad < count; ++bad)
+                for (int round = 0; round < rounds; ++round, ++made) {
+                    call.operator_(world, static_cast<int>(i), static_cast<int>(bad));
+                    world.sweep();
+                    recorder().forget();
+                }
+        children.end();
+    }
+    EXPECT_EQ(children.end(), "");
+    std::printf("%d calls\n", made.load());
+    EXPECT_GE(made, 6000 * rounds);
+}
+
+int reports_left = 1 << 30;
+
+// Every function, reports between them. Arguments make sense while nothing fails.
+void run_script(const Sizes &sizes)
+{
+    recorder().allow_reports();
+    for (const int signal : {SIGUSR1, SIGUSR2})
+        std::signal(signal, SIG_IGN);  // the manager may fail to start
+    World world(sizes);
+    const unsigned empty = static_cast<unsigned>(memm_initpool("empty", 1, 4, nullptr));
+    memm_calloc(empty);
+    int count = 0;
+    for (const Call &call : calls()) {
+        call.operator_(world, -1, -1);
+        if (++count % 3 != 0 && reports_left-- > 0)
+            memm_calloc(empty), raise(count % 2 == 0 ? SIGUSR1 : SIGUSR2);
+        world.sweep();
+        recorder().forget();
+    }
+}
+
+struct Way {
+    Op op;
+    int code;
+    const char *name;
+};
+constexpr Way kWays[] = {
+    {Op::alloc, 7, "xm_alloc"},
+    {Op::alloc, kNullBlock, "xm_alloc null"},
+    {Op::alloc, kMisaligned, "xm_alloc off"},
+    {Op::getmem, 7, "xm_getmem"},
+    {Op::getmem, kNullBlock, "xm_getmem null"},
+    {Op::retmem, 7, "xm_retmem"},
+    {Op::create, 7, "xmu_create"},
+    {Op::take, 7, "xmu_p"},
+    {Op::open, EACCES, "open"},
+    {Op::fstat, EIO, "fstat"},
+    {Op::ftruncate, EIO, "ftruncate"},
+    {Op::write, kShort, "write short"},
+    {Op::write, EINTR, "write EINTR"},
+    {Op::write, ENOSPC, "write ENOSPC"},
+    {Op::close, EIO, "close"},
+};
+
+// The script's own process meets no fault: at every call that can fail it leaves children behind who meet one each.
+TEST(faults, at_every_call_of_the_platform_leave_pools_that_work)
+{
+    const OwnFolder folder;
+    folder.order("stats\nall\n");
+    Children children;
+    const int stride = std::max(1, 100 / std::max(1, scaled(100)));
+    int points = 0;
+    const Way *met = nullptr;  // in a child
+    bool always = false;
+    unsigned later = 0;
+    fault = [&](Op op) {
+        if (met != nullptr)  // an interruption that never ends would be one
+            return always && met->op == op && (met->code != EINTR || ++later % 2 == 0) ? met->code : 0;
+        for (const Way &way : kWays)
+            for (const bool for_ever : {false, true}) {
+                if (way.op != op || points++ % stride != 0)
+                    continue;
+                if (children.fork(text("%s at %u%s", way.name, recorder().calls(op), for_ever ? " and later" : ""))) {
+                    met = &way;
+                    reports_left = 4;  // they take the most of the time
+                    always = for_ever;
+                    return way.code;
+                }
+            }
+        return 0;
+    };
+    run_script({});
+    EXPECT_EQ(children.end(), "");
+    std::printf("%d fault points, %d tried\n", points, children.count);
+    EXPECT_GE(points, 5000);
+}
+
+// Each pool of the script with room for one, for two, up to what it needs.
+TEST(depletion, of_any_pool_at_any_size_leaves_pools_that_work)
+{
+    const OwnFolder folder;
+    Children children;
+    for (int Sizes::*size : {&Sizes::table, &Sizes::controls, &Sizes::areas, &Sizes::objects, &Sizes::strings,
+                             &Sizes::nodes, &Sizes::data})
+        for (Sizes sizes; sizes.*size > 0 && !children.is_child(); --(sizes.*size))
+            if (children.fork(text("%d,%d,%d,%d,%d,%d,%d", sizes.table, sizes.controls, sizes.areas, sizes.objects,
+                                   sizes.strings, sizes.nodes, sizes.data)))
+                run_script(sizes), children.end();
+    EXPECT_EQ(children.end(), "");
+    std::printf("%d sizes\n", children.count);
+}
+
+}  // namespace
