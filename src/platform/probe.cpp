@@ -41,7 +41,10 @@ bool word_is_readable(std::uintptr_t address) noexcept
     return first <= last && mask_is_readable(first) && (first == last || mask_is_readable(last));
 }
 
-bool word_is_writable(std::uintptr_t address) noexcept { return syscall(SYS_getcpu, address, nullptr, nullptr) == 0; }
+bool word_is_writable(std::uintptr_t address) noexcept
+{
+    return address != 0 && syscall(SYS_getcpu, address, nullptr, nullptr) == 0;
+}
 
 // Unaligned, and not a sanitizer's business: the caller asks about memory that is not the library's.
 struct [[gnu::packed, gnu::may_alias]] AnyWord { std::uint32_t word; };
