@@ -127,8 +127,10 @@ class Trial {
     unsigned long address(int slot) const { return reinterpret_cast<unsigned long>(object(slot)) - 4; }
     int slot_of(const void *object) const
     {
+        if (object == nullptr)
+            return -1;
         const auto distance = static_cast<const unsigned char *>(object) - 4 - pool_at(id_).slots;
-        return object == nullptr ? -1 : static_cast<int>(distance / static_cast<int>(pool_at(id_).slot_size));
+        return static_cast<int>(distance / static_cast<int>(pool_at(id_).slot_size));
     }
     int any_slot()  // near the ends as often as anywhere
     {
