@@ -32,7 +32,7 @@ void serve()
     sigemptyset(&end);
     sigaddset(&end, SIGINT);
     sigaddset(&end, SIGTERM);
-    sigprocmask(SIG_BLOCK, &end, nullptr);
+    pthread_sigmask(SIG_BLOCK, &end, nullptr);
     const int pid = static_cast<int>(getpid());
     std::printf("serving as process %d; from another terminal:\n"
                 "  kill -USR1 %d && cat /var/tmp/memm_%d\n"

@@ -55,7 +55,7 @@ TEST(format, prints_every_conversion_in_every_form_as_the_c_library_does)
                 expect_as_in_libc(form + conversion + ">%d", argument, 4711);
         };
         const std::string letter(1, "diuxXo"[dice() % 6]);
-        const long long wide = dice() % 9 == 0 ? LLONG_MIN : 1LL * value * number() * (dice() % 2 == 0 ? 1 : 1 << 20);
+        const auto wide = dice() % 9 == 0 ? LLONG_MIN : (1LL * value * number()) >> (dice() % 2 * 32);
         const std::function<void()> ways[] = {
             [&] { expect(letter, value); },
             [&] { expect("hh" + letter, value); },

@@ -84,6 +84,7 @@ unsigned get_block(Op op, unsigned size, void **block)
 class Listener : public testing::EmptyTestEventListener {
     void OnTestEnd(const testing::TestInfo &) override
     {
+        fault = nullptr;
         EXPECT_EQ(recorder().depth_, 0U) << "the manager lock was left taken";
         EXPECT_FALSE(recorder().stray_release_.exchange(false)) << "V by a task that did not hold the manager lock";
         EXPECT_EQ(dbg_vprintf_cb, &capture_debug) << "the sink of dbg_printf was left redirected";

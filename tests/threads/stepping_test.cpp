@@ -118,7 +118,7 @@ void go_through_texts(unsigned pool)
     dynstr *const text = stepped([=] { return dynstr_fromstring(pool, ""); });
     give_back(first);
     bool compacted = false;
-    for (int round = 0; round < 10; ++round) {
+    for (int round = 0; round < (is_full_run() ? 25 : 10); ++round) {
         set(text, "a text of thirty-two characters.");
         EXPECT_EQ(stepped([=] { return dynstr_addstring(text, " and more"); }), 0U);
         EXPECT_EQ(stepped([=] { return dynstr_sprintf(text, "%d %s", round, dynstr_getstring(keeper)); }), 0U);
