@@ -8,21 +8,31 @@ namespace {
 
 bool is_empty(const char *text) noexcept { return text == nullptr || *text == '\0'; }
 
-// A finished record whose text is then set: it stays, empty, when that finds no room. `limit` bounds the text
-// meanwhile.
-dynstr *make_item(Held held, int strpool, const strings::Source &source, std::size_t limit) noexcept
+// A finished record whose text is then set: it stays, empty, when that finds no room.
+dynstr *make_record(Held held, int strpool, strings::TextPool *&pool) noexcept
 {
     const PoolId id{static_cast<u32>(strpool)};
-    strings::TextPool *const pool = strings::text_pool(id);
-    auto *const item = pool == nullptr ? nullptr : static_cast<dynstr *>(allocate(held, id));
-    if (item != nullptr) {
-        const auto set_limit = [item](u32 max) {
-            strings::set_info(*item, strings::info_of(*item).with_max_size(max));
-        };
-        set_limit(static_cast<u32>(limit));
-        static_cast<void>(strings::assign(held, *pool, *item, source, 0, -1));
-        set_limit(0);
+    pool = strings::text_pool(id);
+    return pool == nullptr ? nullptr : static_cast<dynstr *>(allocate(held, id));
+}
+
+// The item is what comes before a size of so many bytes is reached. Deliberate: that is a limit on the record, so where
+// no record can hold it, the item keeps the whole source.
+dynstr *make_item(Held held, int strpool, const strings::Source &source, std::size_t limit) noexcept
+{
+    strings::TextPool *pool = nullptr;
+    dynstr *const item = make_record(held, strpool, pool);
+    if (item == nullptr) {
+        return nullptr;
     }
+    if (limit > 1 && limit <= strings::kMaxSizeLimit) [[likely]] {
+        static_cast<void>(strings::assign_first(held, *pool, *item, source, 0, static_cast<int>(limit - 1)));
+        return item;
+    }
+    const auto set_limit = [item](u32 max) { strings::set_info(*item, strings::info_of(*item).with_max_size(max)); };
+    set_limit(static_cast<u32>(limit));
+    static_cast<void>(strings::assign(held, *pool, *item, source, 0, -1));
+    set_limit(0);
     return item;
 }
 
@@ -45,8 +55,8 @@ public:
     }
 };
 
-// Deliberate: an item is cut at its separator by a limit on its size. Where no record can hold the limit, the item
-// keeps the whole rest of the text, and the split goes on behind its separator all the same.
+// Deliberate: behind an item that keeps the whole rest of the text, the split goes on behind its separator all the
+// same.
 Node *split(Held held, const char *text, const Separator &separator, int poolid, int strpool) noexcept
 {
     StringListBuilder items(held, poolid);
@@ -97,7 +107,7 @@ Node *split_escaped(Held held, char *text, char separator, char escape, int pool
 dynstr *make_part(Held held, strings::TextPool &pool, const dynstr &whole, int offset, int length) noexcept
 {
     return strings::create_with(held, allocate(held, PoolId{pool.poolid}), [&](dynstr &item) {
-        return strings::assign(held, pool, item, strings::whole_text(whole), offset, length);
+        return strings::assign_first(held, pool, item, strings::whole_text(whole), offset, length);
     });
 }
 

@@ -17,27 +17,21 @@ bool ends_where_size_says(const dynstr &record) noexcept
     return size != 0 && std::memchr(record.str, 0, size) == record.str + size - 1;
 }
 
-using Bytes [[gnu::vector_size(16)]] = unsigned char;
-
-// 1 for each zero among them, as bytes that are -1.
-Bytes zeros_in(const char *from) noexcept
-{
-    Bytes bytes;
-    std::memcpy(&bytes, from, sizeof bytes);
-    return reinterpret_cast<Bytes>(bytes == 0);
-}
-
-// A byte of the sum counts up to 255 zeros.
+// Sixteen at a time; a byte of the sum counts up to 255 zeros.
 u32 count_zeros(const char *from, const char *end) noexcept
 {
-    constexpr std::ptrdiff_t kBlock = 4 * sizeof(Bytes);
-    constexpr int kMostBlocks = 255 / 4;
+    using Bytes [[gnu::vector_size(16)]] = unsigned char;
+    constexpr unsigned kVectors = 4;
+    constexpr std::ptrdiff_t kBlock = kVectors * sizeof(Bytes);
+    constexpr unsigned kMostBlocks = 255 / kVectors;
     u32 zeros = 0;
     while (end - from >= kBlock) {
         Bytes sum{};
-        for (int left = kMostBlocks; left > 0 && end - from >= kBlock; --left, from += kBlock) {
-            sum -= (zeros_in(from) + zeros_in(from + sizeof(Bytes))) +
-                   (zeros_in(from + 2 * sizeof(Bytes)) + zeros_in(from + 3 * sizeof(Bytes)));
+        for (unsigned left = kMostBlocks; left > 0 && end - from >= kBlock; --left, from += kBlock) {
+            Bytes bytes[kVectors];
+            std::memcpy(bytes, from, sizeof bytes);
+            sum -= reinterpret_cast<Bytes>(bytes[0] == 0) + reinterpret_cast<Bytes>(bytes[1] == 0) +
+                   (reinterpret_cast<Bytes>(bytes[2] == 0) + reinterpret_cast<Bytes>(bytes[3] == 0));
         }
         for (unsigned i = 0; i < sizeof sum; ++i) {
             zeros += sum[i];

@@ -1,28 +1,10 @@
 #include "dynstring/create.h"
 
-#include "dynstring/place.h"
 #include "memmanager/slots.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace memm::strings {
-
-namespace {
-
-// What assign() comes to for the whole of a text, one that fits, and a new record: its stand-by is only booked.
-Result put_first_text(Held held, TextPool &pool, dynstr &record, const Source &source) noexcept
-{
-    if (!allocate_in_passing(held, PoolId{pool.poolid})) {
-        return Result::no_memory;
-    }
-    record.str = pool.fill_position();
-    std::memcpy(record.str, source.text, source.length);  // the zero behind it is there: free space is zero
-    commit(held, pool, record, StringInfo{0}.with_size(static_cast<u32>(source.length + 1)));
-    return Result::ok;
-}
-
-}  // namespace
 
 dynstr *create(Held held, TextPool &pool, const Source &source, int offset, int length) noexcept
 {
@@ -30,12 +12,8 @@ dynstr *create(Held held, TextPool &pool, const Source &source, int offset, int 
     if (object == nullptr) {
         object = allocate_without_gc(held, PoolId{pool.poolid});
     }
-    const bool is_whole_text = source.kind == Source::Kind::text && offset == 0 && length < 0;
-    return create_with(held, object, [&](dynstr &record) {
-        return is_whole_text && source.length < std::min(pool.room(), kShortTextSize)
-                   ? put_first_text(held, pool, record, source)
-                   : assign(held, pool, record, source, offset, length);
-    });
+    return create_with(held, object,
+                       [&](dynstr &record) { return assign_first(held, pool, record, source, offset, length); });
 }
 
 dynstr *create_from_text(Held held, PoolId id, const char *text) noexcept
@@ -54,8 +32,9 @@ namespace {
 dynstr *copy(Held held, const dynstr *source, int offset, int length) noexcept
 {
     TextPool &pool = *owner_pool(source);
-    return create_with(held, allocate(held, PoolId{pool.poolid}),
-                       [&](dynstr &record) { return assign(held, pool, record, whole_text(*source), offset, length); });
+    return create_with(held, allocate(held, PoolId{pool.poolid}), [&](dynstr &record) {
+        return assign_first(held, pool, record, whole_text(*source), offset, length);
+    });
 }
 
 dynstr *copy_whole(Held held, const dynstr *source) noexcept

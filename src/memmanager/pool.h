@@ -62,7 +62,7 @@ struct PoolAid {
     void *control = nullptr;     // the cookie that a floor above gave the pool, and may read through; null for others'
 
     // Before the pool is placed in the order by address, and never again: readers may come without the lock.
-    void set_slots(unsigned char *slots, u32 bytes_per_slot, u32 count) noexcept
+    void set_slots(const unsigned char *slots, u32 bytes_per_slot, u32 count) noexcept
     {
         first = reinterpret_cast<std::uintptr_t>(slots);
         span = bytes_per_slot * (count - 1) + 1;

@@ -49,7 +49,7 @@ inline void raise_highest(Pool &pool, int in_use) noexcept
         }
     } else {
         std::memset(first, 0, 4);
-        std::memset(first + bytes / 8 * 4, 0, 4);
+        std::memset(first + std::size_t{bytes} / 8 * 4, 0, 4);
         std::memset(end - 4, 0, 4);
     }
 }

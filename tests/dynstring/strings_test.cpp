@@ -185,7 +185,8 @@ TEST(calls, name_themselves_when_they_refuse)
     refuses("dynstr_gethexstring", dynstr_gethexstring(d, bytes, 2));
     const auto other = static_cast<unsigned>(memm_initpool("", 1, 64, nullptr));
     auto **const stranger = static_cast<unsigned char **>(memm_calloc(other));
-    EXPECT_EQ(dynstr_getulong(reinterpret_cast<dynstr *>(stranger), &out), kInvalid) << "no word about no text";
+    EXPECT_EQ(dynstr_getulong(reinterpret_cast<dynstr *>(stranger), &out), kInvalid);
+    EXPECT_EQ(recorder().take_trace(), "") << "no word about no text";
     *stranger = bytes;
     refuses("dynstr_getulong", dynstr_getulong(reinterpret_cast<dynstr *>(stranger), &out));
     makes_none("dynstr_fromstring_nolock", dynstr_fromstring(other, ""));

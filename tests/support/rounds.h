@@ -9,6 +9,14 @@ inline int scaled(int rounds)
     return percent == nullptr ? rounds : static_cast<int>(static_cast<long long>(rounds) * std::atoi(percent) / 100);
 }
 
+// Whether the counts are to be those of a soak, however long they take: MEMM_TEST_FULL is set.
+inline bool is_full_run()
+{
+    static const bool is_set = std::getenv("MEMM_TEST_FULL") != nullptr;
+    return is_set;
+}
+inline int scaled(int rounds, int full) { return is_full_run() ? full : scaled(rounds); }
+
 // Passes a little time without the kernel.
 inline void spin(unsigned turns)
 {

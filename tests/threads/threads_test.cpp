@@ -3,11 +3,12 @@
 #include "support/pools.h"
 #include "support/rounds.h"
 
-#include <memmanager/dynstring.h>
 #include <memmanager/platform.h>
+#include <memmanager/strlist.h>
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <dlfcn.h>
 #include <filesystem>
 #include <sys/wait.h>
 #include <thread>
@@ -17,9 +18,12 @@ namespace {
 
 struct Item {
     unsigned number, same_number;
+    dynstr *text;
+    strlist *list;
 };
 
-// Eight threads pass items on through boxes: what one puts in, another takes out and releases.
+// Threads pass items on through boxes, with a text and a list that say the same: what one puts in, another takes out,
+// reads and releases.
 class Traffic {
     std::array<std::atomic<Item *>, 16> boxes_{};
     std::vector<std::thread> threads_;
@@ -29,7 +33,11 @@ class Traffic {
     {
         if (item == nullptr)
             return;
-        EXPECT_EQ(item->number, item->same_number);
+        const std::string number = std::to_string(item->number);
+        EXPECT_TRUE(item->number == item->same_number && dynstr_strcmp2(item->text, number.c_str()) == 0);
+        EXPECT_EQ(dynstr_strcmp(strlist_getdynstr_at(item->list, 1), item->text), 0);
+        EXPECT_EQ(memm_free(item->text), 0);
+        llist_free_plist(&item->list);
         EXPECT_EQ(memm_free(item), 0);
         ++released;
     }
@@ -42,8 +50,13 @@ class Traffic {
             ASSERT_TRUE(item != nullptr && item->number == 0 && item->same_number == 0);
             item->number = item->same_number = seed;
             ++allocated;
-            if ((seed >> 17 & 3) == 0)
-                release(static_cast<Item *>(memm_refalloc(item)));
+            const std::string number = std::to_string(seed);
+            item->text = dynstr_fromstring(static_cast<unsigned>(texts), number.c_str());
+            item->list = strlist_fromstring(("first " + number).c_str(), " ", nodes, texts);
+            if ((seed >> 17 & 3) == 0) {
+                EXPECT_EQ(memm_free(memm_refalloc(item)), 0);
+                ++released;
+            }
             release(boxes_[seed >> 20 & 15].exchange(item));
             if (round % 64 == 0)
                 usleep(1);  // ThreadSanitizer delivers signals inside of library calls
@@ -51,12 +64,14 @@ class Traffic {
     }
 
 public:
-    const std::array<unsigned, 2> pools{make_pool("few", 24, sizeof(Item)), make_pool("many", 1000, sizeof(Item))};
+    const std::array<unsigned, 2> pools{make_pool("few", 50, sizeof(Item)), make_pool("many", 1000, sizeof(Item))};
+    const int nodes = llist_initpool("nodes", 100, sizeof(llist), nullptr);
+    const int texts = dynstr_initpool2("texts", 300, 4000, 2);
     std::atomic<unsigned> allocated{0}, released{0};
 
-    Traffic()
+    explicit Traffic(unsigned threads = 8)
     {
-        for (unsigned i = 0; i < 8; ++i)
+        for (unsigned i = 0; i < threads; ++i)
             threads_.emplace_back([this, i] { work(i); });
     }
     void signal(unsigned thread, int number) { pthread_kill(threads_[thread % 8].native_handle(), number); }
@@ -68,6 +83,8 @@ public:
             thread.join();
         for (auto &box : boxes_)
             release(box.exchange(nullptr));
+        EXPECT_EQ(dynstr_integrity_check(static_cast<unsigned>(texts), 0), 1);
+        EXPECT_EQ(pool_at(static_cast<unsigned>(nodes)).cur_count, 0);
         for (const unsigned pool : pools) {
             const memm_pool &p = pool_at(pool);
             EXPECT_TRUE(p.cur_count == 0 && p.refs == 0 && p.flags == 0);
@@ -78,6 +95,14 @@ public:
 };
 
 int print_nowhere(const char *, ...) { return 0; }
+
+TEST(threads, keep_the_stamps_of_objects_texts_and_lists_that_cross_them)
+{
+    Traffic traffic(32);
+    while (traffic.allocated < static_cast<unsigned>(scaled(200000, 5000000)))
+        usleep(1000);
+    traffic.end();
+}
 
 std::atomic<int> handled{0};
 int under_lock;
@@ -101,7 +126,7 @@ TEST(threads, keep_every_counter_while_handlers_take_the_lock_and_others_make_po
             memm_free(memm_calloc(make_pool("", count * 20)));
     });
     unsigned seed = 1;
-    for (int sent = 0; sent < scaled(100000); ++sent, seed = seed * 1103515245 + 12345) {
+    for (int sent = 0; sent < scaled(100000, 2000000); ++sent, seed = seed * 1103515245 + 12345) {
         const int signals[] = {SIGALRM, SIGALRM, SIGUSR1, SIGUSR2};
         traffic.signal(seed >> 20, signals[seed >> 16 & 3]);
         spin(seed >> 20 & 1023);
@@ -141,7 +166,7 @@ TEST(threads, fork_gives_the_child_whole_pools_and_the_holds_of_the_forking_thre
 {
     const OwnFolder folder;
     Traffic traffic;
-    for (int round = 0; round < scaled(200); ++round) {
+    for (int round = 0; round < scaled(200, 10000); ++round) {
         const bool holds = round % 2 == 0;
         if (holds)
             memm_lock("fork"), raise(SIGUSR2);
@@ -155,6 +180,53 @@ TEST(threads, fork_gives_the_child_whole_pools_and_the_holds_of_the_forking_thre
         ASSERT_EQ(status, 0);
     }
     traffic.end();
+}
+
+void *report_until_cancelled(void *)
+{
+    for (;; pthread_testcancel())
+        raise(SIGUSR1), raise(SIGUSR2);
+}
+
+TEST(threads, that_are_cancelled_finish_their_reports_and_hold_nothing)
+{
+    const OwnFolder folder;
+    folder.order("stats\n");
+    const unsigned pool = make_pool("pool", 1);
+    for (unsigned round = 0; round < static_cast<unsigned>(scaled(200, 1000)); ++round) {
+        pthread_t thread{};
+        ASSERT_EQ(pthread_create(&thread, nullptr, report_until_cancelled, nullptr), 0);
+        for (dumps_opened = 0; dumps_opened < 1 + round % 3;)
+            std::this_thread::yield();
+        spin(round % 512 * 16);
+        pthread_cancel(thread);
+        void *result = nullptr;
+        ASSERT_TRUE(pthread_join(thread, &result) == 0 && result == PTHREAD_CANCELED);
+        EXPECT_NE(content_of(folder.usage_path()).find("%)\r\n\r\n"), std::string::npos);
+        EXPECT_EQ(memm_free(memm_calloc(pool)), 0);
+    }
+}
+
+TEST(shared_library, stays_what_it_is_however_often_it_is_opened_and_closed)
+{
+    const OwnFolder folder;
+    void *object = nullptr;
+    for (unsigned round = 0; round < 1000; ++round) {
+        void *const library = dlopen(MEMM_SHARED_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(library, nullptr) << dlerror();
+        const auto call = [=]<typename Function>(Function *, const char *name) {
+            return reinterpret_cast<Function *>(dlsym(library, name));
+        };
+        if (round == 0) {
+            EXPECT_EQ(call(memm_init, "memm_init")(4, 1), 0);
+            const int pool = call(memm_initpool, "memm_initpool")("pool", 1, 8, nullptr);
+            object = call(memm_calloc, "memm_calloc")(static_cast<unsigned>(pool));
+        }
+        EXPECT_EQ(call(memm_isvalidobj, "memm_isvalidobj")(object), 1);
+        dlclose(library);
+        raise(SIGUSR1);
+        ASSERT_EQ(dumps_opened, round + 1);
+    }
 }
 
 // --- deferred reports ---

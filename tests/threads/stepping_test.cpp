@@ -1,0 +1,180 @@
+// A signal at every instruction. The processor stops behind each instruction of a script (the trap flag); wherever that
+// is in this program, the library included, a copy of the process gets the signal, goes on undisturbed to the end and
+// looks at what became of it.
+#include "support/file_calls.h"
+#include "support/pools.h"
+#include "support/rounds.h"
+
+#include <memmanager/dynstring.h>
+#include <memmanager/platform.h>
+#include <sys/wait.h>
+#include <thread>
+#include <ucontext.h>
+#include <vector>
+
+// Sanitizers multiply the instructions, and their own run in between.
+#if (defined(__x86_64__) || defined(__i386__)) && !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
+
+extern "C" const char __executable_start, etext;
+
+namespace {
+
+#ifdef __x86_64__
+constexpr int kPosition = REG_RIP;
+#else
+constexpr int kPosition = REG_EIP;
+#endif
+constexpr greg_t kTrapFlag = 0x100;
+
+volatile sig_atomic_t is_stepping, sent;  // sent: to a copy
+unsigned opened_before;                   // dump files, when it came
+int positions;
+std::vector<unsigned char> seen;  // 1: an instruction that has been interrupted
+
+bool is_of_interest(greg_t position)
+{
+    const greg_t offset = position - reinterpret_cast<greg_t>(&__executable_start);
+    if (offset < 0 || offset >= &etext - &__executable_start)
+        return false;
+    unsigned char &times = seen[static_cast<std::size_t>(offset)];
+    return std::exchange(times, 1) == 0 || is_full_run();
+}
+
+void in_copy(int signal)
+{
+    is_stepping = 0;
+    sent = signal;
+    opened_before = dumps_opened;
+    alarm(10);
+    raise(signal);
+}
+
+void on_step(int, siginfo_t *, void *context)
+{
+    greg_t *const registers = static_cast<ucontext_t *>(context)->uc_mcontext.gregs;
+    if (is_stepping != 0 && is_of_interest(registers[kPosition])) {
+        const int signal = ++positions % 2 == 0 ? SIGUSR1 : SIGUSR2;
+        const pid_t copy = _Fork();
+        int status = -1;
+        if (copy == 0)
+            in_copy(signal);
+        else if (waitpid(copy, &status, 0) != copy || status != 0)
+            is_stepping = 0, ADD_FAILURE() << "status " << status << " after " << positions << " positions";
+    }
+    registers[REG_EFL] = is_stepping != 0 ? registers[REG_EFL] | kTrapFlag : registers[REG_EFL] & ~kTrapFlag;
+}
+
+// A call of the library, step by step. In a copy, the report that was asked for has begun when it is over.
+template <typename Call> auto stepped(const Call &call)
+{
+    if (sent == 0 && !testing::Test::HasFailure()) {
+        is_stepping = 1;
+        raise(SIGTRAP);
+    }
+    const auto result = call();
+    is_stepping = 0;
+    EXPECT_TRUE(sent == 0 || dumps_opened > opened_before) << "forgotten";
+    return result;
+}
+
+void *take(unsigned pool)
+{
+    return stepped([=] { return memm_calloc(pool); });
+}
+void give_back(void *object)
+{
+    EXPECT_EQ(stepped([=] { return memm_free(object); }), 0);
+}
+void set(dynstr *text, const char *value)
+{
+    EXPECT_EQ(stepped([=] { return dynstr_setstring(text, value); }), 0U);
+}
+
+// Slots of a full pool come back and are found in each way; references.
+void go_through_slots(unsigned pool)
+{
+    const int filled = pool_at(pool).slot_count;
+    void *all[400], *const first = memm_calloc(pool);
+    for (int i = 1; i < filled; ++i)
+        all[i] = memm_calloc(pool);
+    for (const int i : {filled / 2, filled - 2, 1, filled - 1})
+        give_back(all[i]);
+    EXPECT_EQ(stepped([=] { return memm_refalloc(first); }), first);
+    give_back(first);
+    for (const int i : {1, filled - 2, filled - 1, filled / 2})
+        EXPECT_EQ(take(pool), all[i]);
+    for (int i = 1; i < filled; ++i)
+        memm_free(all[i]);
+    give_back(first);
+    EXPECT_EQ(pool_at(pool).cur_count, 0);
+}
+
+// Texts of two buffers: placed, replaced, appended and printed to, until both have been compacted.
+void go_through_texts(unsigned pool)
+{
+    dynstr *const first = dynstr_fromstring(pool, "leaves a gap");
+    dynstr *const keeper = stepped([=] { return dynstr_fromstring(pool, "keeper"); });
+    const char *const place = dynstr_getstring(keeper);
+    dynstr *const text = stepped([=] { return dynstr_fromstring(pool, ""); });
+    give_back(first);
+    bool compacted = false;
+    for (int round = 0; round < 10; ++round) {
+        set(text, "a text of thirty-two characters.");
+        EXPECT_EQ(stepped([=] { return dynstr_addstring(text, " and more"); }), 0U);
+        EXPECT_EQ(stepped([=] { return dynstr_sprintf(text, "%d %s", round, dynstr_getstring(keeper)); }), 0U);
+        EXPECT_EQ(dynstr_getstring(text), std::to_string(round) + " keeper");
+        give_back(stepped([=] { return dynstr_fromstring(pool, "comes and goes"); }));
+        compacted = compacted || dynstr_getstring(keeper) != place;
+    }
+    EXPECT_TRUE(compacted && dynstr_strcmp2(keeper, "keeper") == 0);
+    give_back(text), give_back(keeper);
+    EXPECT_EQ(dynstr_integrity_check(pool, 0), 1);
+}
+
+void check_report(const std::string &path)
+{
+    const std::string report = content_of(path);
+    EXPECT_TRUE(report.find("\r\n\r\nReason: SIGUSR") == 0 && report.rfind("%)\r\n\r\n") == report.size() - 6 &&
+                report.find("ERROR") == report.npos && report.find("failed") == report.npos)
+        << report;
+    unlink(path.c_str());
+}
+
+void step_through_the_script()
+{
+    const OwnFolder folder;
+    folder.order("stats\n");
+    const unsigned few = make_pool("few", 12), many = make_pool("many", 400);
+    const auto texts = static_cast<unsigned>(dynstr_initpool2("texts", 12, 300, 2));
+    seen.resize(static_cast<std::size_t>(&etext - &__executable_start));
+    struct sigaction action {};
+    action.sa_sigaction = on_step;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGTRAP, &action, nullptr);
+    go_through_slots(few);
+    go_through_slots(many);
+    go_through_texts(texts);
+    if (sent != 0) {
+        std::thread([] { memm_lock("second"), memm_unlock(); }).join();
+        check_report(sent == SIGUSR1 ? folder.usage_path() : folder.contents_path());
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    std::printf("%d positions\n", positions);
+    EXPECT_GT(positions, 1000);
+}
+
+TEST(a_signal_at_every_instruction, is_answered_beside_nobody) { step_through_the_script(); }
+
+TEST(a_signal_at_every_instruction, is_answered_beside_another_thread)
+{
+    std::atomic<bool> done{false};
+    std::thread other([&] { done.wait(false); });
+    step_through_the_script();
+    done = true;
+    done.notify_all();
+    other.join();
+}
+
+}  // namespace
+
+#endif
