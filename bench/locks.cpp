@@ -47,6 +47,13 @@ struct RecursiveMutex {
     void unlock() { pthread_mutex_unlock(&mutex); }
 };
 
+// What getting into the library and out of it takes, twice, without anything done there.
+struct EmptyCalls {
+    static constexpr const char *kName = "empty calls";
+    void lock() { memm_removeFromAllocateList(nullptr); }
+    void unlock() { memm_removeFromAllocateList(nullptr); }
+};
+
 // The owner and the depth, and what gives other threads the right order: an atomic exchange and a store.
 struct OwnerAndDepth {
     static constexpr const char *kName = kMinimum;
@@ -119,6 +126,7 @@ void register_jobs()
         set_goals(job, {{RecursiveMutex::kName, nested ? 0.85 : second_thread ? 1.0 : 0.75}});
         add_lock<Manager>(job, nested);
         add_lock<RecursiveMutex>(job, nested);
+        add_lock<EmptyCalls>(job, nested);
         add_lock<OwnerAndDepth>(job, nested);
     }
     const std::string platform = job_name("P and V, uncontended");

@@ -6,6 +6,7 @@
 #include <memmanager/platform.h>
 #include <memmanager/timestat.h>
 #include <algorithm>
+#include <cstring>
 #include <random>
 #include <thread>
 #include <type_traits>
@@ -329,6 +330,7 @@ TEST(locks, table_shows_the_first_50_records_in_both_forms)
 |
 )"));
     static LOCK others[48];
+    std::memset(others, 0xa5, sizeof others);
     for (LOCK &lock : others)
         EXPECT_TRUE(lock_initlock(&lock, nullptr) == 0 && lock_lock(&lock, 0, nullptr) == 1);
     lock_print_allstats();
