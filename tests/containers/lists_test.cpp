@@ -67,24 +67,6 @@ TEST(lists, of_1000000_nodes_are_released_in_little_stack)
     EXPECT_EQ(pool_at(objects).cur_count + pool_at(static_cast<unsigned>(nodes)).cur_count, 0);
 }
 
-TEST(lists, print_what_a_node_leads_to)
-{
-    const unsigned objects = make_pool("objects", 1);
-    const int nodes = llist_initpool("nodes", 2, sizeof(llist), nullptr);
-    llist *list = nullptr;
-    void *const object = memm_calloc(objects);
-    llist_addobject(&list, object, nodes);
-    llist_addobject(&list, nullptr, nodes);
-    memm_printobject(list, 1);
-    memm_printobject(list->next, 1);
-    const auto shown = [](const char *name, int number, const void *at) {
-        return text("%d.%s.%d.0x%08lx", memm_get_poolid(at), name, number, reinterpret_cast<unsigned long>(at));
-    };
-    EXPECT_EQ(recorder().take_debug(), shown("nodes", 0, list) + ", next=" + shown("nodes", 1, list->next) +
-                                           ", obj=" + shown("objects", 0, object) + shown("nodes", 1, list->next) +
-                                           ", next=0x0: null, obj=0x0: null");
-}
-
 TEST(lists, stay_whole_when_an_object_refuses)
 {
     recorder().allow_reports();

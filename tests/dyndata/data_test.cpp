@@ -73,27 +73,6 @@ TEST(data_buffers, lose_their_limit_where_it_cannot_be_kept)
     EXPECT_EQ(bytes_of(later), "later");
 }
 
-TEST(data_buffers, are_told_by_the_cookie_of_their_pool)
-{
-    const auto object_with = [](void *cookie, int size) {
-        memm_pooloptions options{};
-        options.cookie = cookie;
-        return static_cast<dyndata *>(memm_calloc(static_cast<unsigned>(memm_initpool("", 2, size, &options))));
-    };
-    const unsigned pool = make_pool("told", 5, 100);
-    dyndata *const object = make(pool, "abc"), *const plain = object_with(nullptr, sizeof(dyndata));
-    void *const record = memm_getpoolcookie(object);
-    dyndata own{object->data, 3};
-    for (dyndata *const d : {&own, plain, static_cast<dyndata *>(record), object_with(record, 1),
-                             object_with(&own, sizeof own), object_with(object, sizeof own)})
-        EXPECT_EQ(dyndata_isdyndata(d), 0);
-    EXPECT_EQ(dyndata_isdyndata(object_with(record, sizeof own)), 1);
-    EXPECT_EQ(memm_free(record), 0);
-    EXPECT_EQ(memm_free(object), MEMM_E_SETUP) << "its area's record is gone";
-    EXPECT_NE(recorder().take_trace().find("[DYNDATA] loc_dyndata_free_ex: obj isn't a dyndata element\r\n"),
-              std::string::npos);
-}
-
 TEST(data_reports, show_areas_and_bytes_to_the_last_character)
 {
     const unsigned pool = make_pool("r_data", 4, 200);

@@ -63,29 +63,4 @@ TEST(values, are_written_as_their_readers_want_them)
         EXPECT_STREQ(dynstr_getstring(made), expected);
 }
 
-TEST(calls, name_themselves_when_they_refuse)
-{
-    const SmallPool pool;
-    dynstr *const d = pool.make("1");
-    memm_free(d);
-    unsigned out = 0;
-    unsigned char bytes[6];
-    const auto refuses = [](const char *name, bool is_refused, const char *what = "dynstring") {
-        EXPECT_TRUE(is_refused) << name;
-        EXPECT_EQ(recorder().take_trace(), text("[DYNSTR] %s: invalid %s passed\r\n", name, what));
-    };
-    refuses("dynstr_getulong", dynstr_getulong(d, &out) != 0);
-    refuses("dynstr_getlong", dynstr_getlong(d, reinterpret_cast<int *>(&out)) != 0);
-    refuses("dynstr_getbool", dynstr_getbool(d, &out) != 0);
-    refuses("dynstr_getipaddr", dynstr_getipaddr(d, &out) != 0);
-    refuses("dynstr_getmacaddr", dynstr_getmacaddr(d, bytes) != 0);
-    refuses("dynstr_getutcdatetime", dynstr_getutcdatetime(d, &out) != 0);
-    refuses("dynstr_gethexstring", dynstr_gethexstring(d, bytes, 2) != 0);
-    refuses("dynstr_fromstring_nolock", dynstr_fromstring(0, "") == nullptr, "poolid");
-    refuses("dynstr_fromsubstring", dynstr_fromsubstring(0, "", 0, 0) == nullptr, "poolid");
-    refuses("dynstr_fromliteral", dynstr_fromliteral(1, "") == nullptr, "poolid");
-    refuses("dynstr_fromprintf", dynstr_fromprintf(99, "%d", 7) == nullptr, "poolid");
-    refuses("dynstr_hexstringfromdata", dynstr_hexstringfromdata(UINT_MAX, bytes, 1) == nullptr, "poolid");
-}
-
 }  // namespace
