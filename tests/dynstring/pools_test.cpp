@@ -43,19 +43,4 @@ TEST(string_pool_creation, sizes_records_buffers_and_reserve)
     EXPECT_EQ(dynstr_initpool2("b1", 7, 83, 2), -1) << "the name is taken";
 }
 
-TEST(string_module, can_be_started_again_when_its_first_start_failed)
-{
-    recorder().fail_nth(Op::alloc, 2, 7, Fault::refused, 2);
-    EXPECT_EQ(memm_init(8, 1), MEMM_E_NO_MEMORY);
-    recorder().fail_never();
-    EXPECT_EQ(dynstr_initpool("early", 5, 100), -1);
-    EXPECT_EQ(dynstr_init(1), 0U);
-    dynstr *const record = dynstr_fromstring(static_cast<unsigned>(dynstr_initpool("strings", 5, 100)), "x");
-    EXPECT_EQ(dynstr_init(1), static_cast<unsigned>(MEMM_E_NO_MEMORY)) << "the name is taken";
-    EXPECT_EQ(dynstr_isdynstring(record), 1) << "the first start stays in force";
-    const std::string failed = "0x10007 2 DYNSTR dynstring: dynstring init failed\n";
-    EXPECT_EQ(recorder().take_errors(), failed + failed);
-    recorder().allow_reports();
-}
-
 }  // namespace
