@@ -101,6 +101,7 @@ class Trial {
 
     void add(Stream &in, llist *&list, Chain &chain)
     {
+        static constexpr unsigned (*kAdd[])(llist **, void *, int) = {llist_addobject, llist_addref, llist_pushobject};
         const auto before = [this](const Node &a, const Node &b) { return is_before(a, b); };
         const bool is_sorted = std::is_sorted(chain.begin(), chain.end(), before);
         const unsigned kind = in.below(is_sorted ? 5 : 4), pool = pick_pool(in);
@@ -110,12 +111,8 @@ class Trial {
         unsigned result = 0;
         if (kind != 1)
             memm_refalloc(real(object));  // what the list takes over
-        if (kind == 0) {
-            result = llist_addobject(&list, real(object), id);
-        } else if (kind == 1) {
-            result = llist_addref(&list, real(object), id);
-        } else if (kind == 2) {
-            result = llist_pushobject(&list, real(object), id);
+        if (kind < 3) {
+            result = kAdd[kind](&list, real(object), id);
         } else if (kind == 3) {
             place = std::max(index < 0 ? index + length(chain) : index, 0);
             result = llist_insert_at(&list, real(object), index, id);

@@ -34,9 +34,8 @@ struct Source {  // what a text is made from: a null pointer, a record without a
 class Trial {
     enum Reason { kBalance, kDepleted, kBufferFull };
     struct Record {
-        std::string text{};             // with its zero; empty: none
-        int buffer = -1;                // of the pool's
-        const char *callers = nullptr;  // where a literal lies
+        std::string text{};  // with its zero; empty: none
+        int buffer = -1;     // of the pool's
         unsigned max = 0;
         bool is_literal = false, is_deleted = false;
     };
@@ -196,8 +195,7 @@ class Trial {
 
     // --- what the calls do; those that make a record answer its number or -1 ---
 
-    // Less than the least length makes no text; printed ones are texts always.
-    unsigned assign(int d, const Source &source, std::int64_t offset, std::int64_t length, std::int64_t least = 1)
+    unsigned assign(int d, const Source &source, std::int64_t offset, std::int64_t length)
     {
         if (!is_string(d) || !source.is_given || offset < 0)
             return kInvalid;
@@ -206,7 +204,7 @@ class Trial {
         if (stand_by < 0)
             return kNoMemory;
         const auto end = static_cast<std::int64_t>(all.size()), requested = length < 0 ? end - offset : length;
-        if (!source.text.has_value() || offset > end || requested < least)
+        if (!source.text.has_value() || offset > end || requested < 1)
             return finish(d, stand_by, 0);
         auto size = static_cast<std::uint64_t>(requested) + 1;
         if (const unsigned max = at(stand_by).max; max != 0 && size > max)
@@ -240,8 +238,6 @@ class Trial {
         return finish(d, stand_by, place(d, all, all.size(), outside));
     }
 
-    unsigned print(int d, const std::string &text) { return assign(d, {true, text}, 0, -1, 0); }
-
     unsigned limit(int d, unsigned max)
     {
         if (max != 0 && max < at(d).text.size()) {
@@ -250,13 +246,6 @@ class Trial {
         }
         at(d).max = max < 2048 ? max : 0;
         return 0;
-    }
-
-    unsigned reset(int d)
-    {
-        const unsigned code = assign(d, {.is_given = true}, 0, -1);
-        at(d).max = code == 0 ? 0 : at(d).max;
-        return code;
     }
 
     // Makes a record and fills it; it goes back when that fails.
@@ -353,16 +342,14 @@ public:
     // Every operation reads the same bytes, whether it needs them or not.
     void step(Stream &in)
     {
-        static const char *const kLiterals[] = {"", "x", "a literal", "a literal longer than some buffers"};
         const int d = pick(in), s = pick(in), offset = number(in), length = number(in);
         const unsigned max = in.next() < 200 ? in.below(40) : 1900 + in.next();
         const auto [source, pointer] = this->source(in);
         const Source &from = source;
         const std::string given = source.text.value_or("");
         const auto size = static_cast<std::int64_t>(given.size());
-        const char *const literal = kLiterals[s % 4], *const printed = pointer == nullptr ? "" : pointer;
         dynstr *const to = handle(d), *const other = handle(s);
-        switch (in.below(22)) {
+        switch (in.below(18)) {
         case 0:
             return FOLLOW(dynstr_setstring(to, pointer), assign(d, from, 0, -1));
         case 1:
@@ -378,25 +365,13 @@ public:
         case 7:
             return FOLLOW(dynstr_setmaxsize(to, max), is_string(d) ? limit(d, max) : kInvalid);
         case 8:
-            return FOLLOW(dynstr_reset(to), reset(d));
-        case 9:
-            return FOLLOW(dynstr_sprintf(to, "%s", printed), print(d, given));
-        case 10:
             return max < 40 ? ask(d, s)
                             : FOLLOW(dynstr_refalloc(to), memm_refalloc(object(twin_, d)) == nullptr ? -1 : d);
-        case 11:
+        case 9:
             return FOLLOW(dynstr_calloc_maxsize(id_, max), create(true, [&](int made) { return limit(made, max); }));
-        case 12:
-            return FOLLOW(dynstr_fromliteral(id_, literal), create(true, [&](int made) {
-                              at(made) = {.text = literal + kZero, .callers = literal, .is_literal = true};
-                              return 0U;
-                          }));
-        case 13:
-            return FOLLOW(dynstr_fromsubdynstr(other, offset, length),
-                          is_string(s) ? create_from(true, whole(s), offset, length) : -1);
-        case 14:
+        case 10:
             return FOLLOW(dynstr_fromstring(id_, pointer), create_from(false, from, 0, -1));
-        case 15:
+        case 11:
             return FOLLOW(dynstr_fromsubstring(id_, pointer, offset, length), create_from(false, from, offset, length));
         default:
             return FOLLOW(memm_free(to), release(d));
@@ -445,7 +420,7 @@ public:
             const unsigned expected = (r.is_literal ? 1U << 31 : 0) | (r.is_deleted ? 1U << 30 : 0) | r.max << 16 |
                                       static_cast<unsigned>(r.text.size());
             found.same(is, r.buffer < 0 ? expected : expected | static_cast<unsigned>(r.buffer) << 27, "record");
-            found.expect(r.buffer >= 0 || handle(i)->str == r.callers, "text of a record");
+            found.expect(r.buffer >= 0 || handle(i)->str == nullptr, "text of a record");
         }
     }
 };
