@@ -19,16 +19,14 @@ TEST(sorting, gives_the_order_of_the_written_insertion)
     make_pool("objects", 1);
     const int nodes = llist_initpool("nodes", 700, sizeof(llist), nullptr);
     for (const int count : {1, 25, 64, 65, 129, 700}) {
-        for (int arrangement = 0; arrangement < 8; ++arrangement) {
+        for (int arrangement = 0; arrangement < 6; ++arrangement) {
             std::vector<int> items(static_cast<unsigned>(count));
             for (int &item : items)
-                item = static_cast<int>(random_numbers() % (arrangement < 4 ? 3 : 1000));
-            if (arrangement % 4 != 0)
+                item = static_cast<int>(random_numbers() % (arrangement < 3 ? 3 : 1000));
+            if (arrangement % 3 != 0)
                 std::sort(items.begin(), items.end());
-            if (arrangement % 4 == 1)
+            if (arrangement % 3 == 1)
                 std::reverse(items.begin(), items.end());
-            if (arrangement % 4 == 2)
-                std::swap(items.front(), items[items.size() / 2]);
             std::vector<void *> expected, sorted;
             for (int &item : items) {
                 const auto before = [](void *a, void *b) { return three_way(a, b) < 0; };

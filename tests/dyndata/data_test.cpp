@@ -28,24 +28,6 @@ std::string bytes_of(const dyndata *object)
 
 unsigned long address(const void *object) { return reinterpret_cast<unsigned long>(object); }
 
-TEST(data_module, reports_failed_starts_and_pools_and_keeps_what_stands)
-{
-    ASSERT_EQ(memm_init(16, 4), 0);
-    EXPECT_EQ(dyndata_initpool("early", 2, 10), -1);
-    EXPECT_EQ(dyndata_init(0), kNoMemory);
-    recorder().fail_nth(Op::alloc, 1);
-    EXPECT_EQ(dyndata_init(3), kNoMemory);
-    EXPECT_EQ(dyndata_init(3), kOk);
-    dyndata *const object = make(static_cast<unsigned>(dyndata_initpool("data", 3, 100)), "abc");
-    EXPECT_EQ(dyndata_init(4), kNoMemory) << "the name is taken";
-    EXPECT_EQ(dyndata_isdyndata(object), 1) << "the first start stays in force";
-    EXPECT_EQ(dyndata_initpool("data", 3, 100), -1) << "the name is taken";
-    const std::string no_start = "0x10007 2 DYNDATA dyndata: dyndata init failed\n",
-                      no_pool = "0x10007 2 DYNDATA dyndata: dyndata init pool failed\n";
-    EXPECT_EQ(recorder().take_errors(), no_start + no_start + no_start + no_pool);
-    recorder().allow_reports();
-}
-
 TEST(data_buffers, lose_their_limit_where_it_cannot_be_kept)
 {
     const unsigned pool = make_pool("limits", 5, 150000);

@@ -87,20 +87,6 @@ void date(Outcome &outcome, const std::string &text)
     }
 }
 
-// Any character counts as a digit.
-void hex(Outcome &outcome, const std::string &text)
-{
-    std::array<unsigned char, 2> bytes{};
-    for (std::size_t i = 0; i < std::min<std::size_t>(text.size(), 4); ++i) {
-        const int c = std::tolower(static_cast<unsigned char>(text[i])), value = c < 'a' ? c - '0' : c - 'a' + 10;
-        bytes[i / 2] = static_cast<unsigned char>(bytes[i / 2] | (i % 2 == 0 ? value * 16 : value));
-    }
-    if (text.size() <= 4)
-        outcome.set(bytes);
-    else
-        outcome.code = MEMM_E_TOO_SMALL;
-}
-
 constexpr Conversion kConversions[] = {
     {"ulong", call<dynstr_getulong>, number<unsigned>},
     {"long", call<dynstr_getlong, int>, number<int>},
@@ -108,7 +94,6 @@ constexpr Conversion kConversions[] = {
     {"ipaddr", call<dynstr_getipaddr>, address},
     {"macaddr", dynstr_getmacaddr, mac},
     {"utcdatetime", call<dynstr_getutcdatetime>, date},
-    {"hexstring", [](auto *d, auto *to) { return dynstr_gethexstring(d, to, 2); }, hex},
 };
 
 // What is nearly right.

@@ -27,7 +27,7 @@ int key_of(const void *object) { return object == nullptr ? -1 : *static_cast<co
 int compare(void *placed, void *ordered) { return key_of(placed) - key_of(ordered); }
 
 class Trial {
-    const unsigned node_pools_[2], object_pools_[2], small_;
+    const unsigned node_pools_[2], object_pools_[2];
     void *objects_[kObjects];
     llist *lists_[kLists] = {};
     Chain chains_[kLists];
@@ -76,17 +76,10 @@ class Trial {
     {
         return count([pool](const Node &node) { return node.pool == pool; });
     }
-    bool has_node(unsigned pool, const Chain &pending = {}) const
-    {
-        return (pool == node_pools_[0] || pool == node_pools_[1]) && in_use(pool) + end_of(pending) < kNodes;
-    }
+    bool has_node(unsigned pool) const { return pool != kAny && in_use(pool) < kNodes; }
 
     int pick(Stream &in) const { return in.within(-1, kObjects - 1); }
-    unsigned pick_pool(Stream &in) const
-    {
-        const unsigned n = in.below(16);
-        return n == 15 ? kAny : n == 14 ? small_ : node_pools_[n % 2];
-    }
+    unsigned pick_pool(Stream &in) const { return in.one_in(16) ? kAny : in.one_of(node_pools_); }
 
     bool is_before(const Node &a, const Node &b) const { return key_of(real(a.object)) < key_of(real(b.object)); }
 
@@ -191,20 +184,14 @@ class Trial {
 
     void copy(Stream &in, llist *&list, Chain &chain)
     {
-        const unsigned to = in.below(kLists), pool = pick_pool(in);
-        Chain copied;
-        int lost = -1;
-        for (int i = 0; i < length(chain) && lost < 0; ++i) {
-            if (has_node(pool, copied))
-                copied.push_back({at(chain, i).object, pool});
-            else
-                lost = at(chain, i).object;
-        }
-        found.same(llist_clone(&lists_[to], list, static_cast<int>(pool)), lost < 0 ? 0 : kNoMemory, "clone");
-        memm_free(real(lost));  // the reference that was taken last
+        const unsigned to = in.below(kLists), pool = in.one_of(node_pools_);
+        if (in_use(pool) + length(chain) > kNodes)
+            return;
+        found.same(llist_clone(&lists_[to], list, static_cast<int>(pool)), 0U, "clone");
+        Chain copied(chain.begin(), chain.begin() + length(chain));
+        for (Node &node : copied)
+            node = {node.object, pool};
         splice(chains_[to], end_of(chains_[to]), copied);
-        if (lost >= 0)
-            chains_[to].clear();
     }
 
     void replace_or_release(Stream &in, llist *&list, Chain &chain)
@@ -293,9 +280,7 @@ class Trial {
 public:
     Difference found;
 
-    Trial()
-        : node_pools_{make_nodes(), make_nodes()}, object_pools_{make_pool("", kObjects), make_pool("", kObjects)},
-          small_(make_pool("", 4, 4))
+    Trial() : node_pools_{make_nodes(), make_nodes()}, object_pools_{make_pool("", kObjects), make_pool("", kObjects)}
     {
         for (int i = 0; i < kObjects; ++i) {
             objects_[i] = memm_calloc(type_of(i));
