@@ -17,19 +17,6 @@ Texts taken(strlist *list)
     return texts;
 }
 
-TEST(string_lists, join_through_an_outside_block_or_not_at_all)
-{
-    make_pool("", 1);
-    const int nodes = llist_initpool("", 40, sizeof(llist), nullptr), strings = dynstr_initpool2("", 40, 200, 2);
-    const auto pool = static_cast<unsigned>(strings);
-    strlist *list = nullptr;
-    for (const char letter : {'a', 'b', 'c'})
-        strlist_addstring(&list, std::string(20, letter).c_str(), nodes, strings);
-    EXPECT_EQ(dynstr_strlen(dynstr_fromstrlist(pool, list, ",")), 62U);
-    EXPECT_EQ(recorder().calls(Op::getmem), 1U);
-    EXPECT_EQ(dynstr_fromstrlist(pool, list, std::string(90, '-').c_str()), nullptr);
-}
-
 TEST(string_lists, leave_out_what_finds_no_place)
 {
     recorder().allow_reports();

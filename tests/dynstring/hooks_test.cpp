@@ -58,12 +58,11 @@ TEST(reports, show_every_record_and_buffer)
 TEST(integrity_check, names_every_fault)
 {
     const std::string order = "\r\n  - E: next->str >= curr->str, ", no_next = "\r\n  - E: !next && last != curr, ",
-                      used = "\r\n  - E: buffer 0 used bytes doesn't match last dynstr, ",
                       literal = "\r\n  - E: literal pstr found, ";
     const Damage cases[] = {
         {DAMAGE(pool.first[0] = nullptr), "\r\n  - E: buffer 0 has no first dynstr but has used bytes, "},
         {DAMAGE(pool.last[0] = nullptr), "\r\n  - E: buffer 0 has no last dynstr but has used bytes, " + no_next},
-        {DAMAGE(++pool.used[0]), used},
+        {DAMAGE(++pool.used[0]), "\r\n  - E: buffer 0 used bytes doesn't match last dynstr, "},
         {DAMAGE(one.prev = &two), "\r\n  - E: first has nonzero prev, "},
         {DAMAGE(one.info |= 2U << 16), "\r\n  - E: DYNSTR_MAXSIZE(2) < DYNSTR_SIZE(4), "},
         {DAMAGE(two.info += 5), "\r\n  - E: DYNSTR_SIZE(9) != strlen+1(4, 'two'), "},

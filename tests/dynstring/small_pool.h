@@ -28,5 +28,4 @@ public:
         EXPECT_EQ(dynstr_setstring(record, text), 0U);
         return record;
     }
-    const memm::strings::TextPool &control() const { return *memm::strings::text_pool(memm::PoolId{id_}); }
 };
