@@ -3,7 +3,7 @@
 #include "support/recording_platform.h"
 
 #include <memmanager/dyndata.h>
-#include <memmanager/strpair.h>
+#include <memmanager/strlist.h>
 
 #include <functional>
 
@@ -30,10 +30,8 @@ TEST(calls, take_the_lock_under_their_tags)
     dynstr *const d = dynstr_fromstring(id, "7");
     dynstr *const seven = dynstr_fromliteral(id, "7");
     dyndata *const b = dyndata_fromdata(area, "7", 1);
-    llist *list = nullptr, *pairs = nullptr, *no = nullptr;
+    llist *list = nullptr, *no = nullptr;
     strlist_addstring(&list, "1", n, s);
-    strpairlist_addstrings(&pairs, "k", "v", n, s);
-    strpair *const pair = strpairlist_getpair_at(pairs, 0);
     const auto compare = [](void *, void *) { return 0; };
     const auto visit = [](void *, void *) { return 1; };
     int index = 0;
@@ -71,18 +69,14 @@ TEST(calls, take_the_lock_under_their_tags)
         CALL(llist_insert_at(&no, nullptr, 0, n)), CALL(llist_insert_list_at(&no, nullptr, 0)),
         CALL(llist_addlist(&no, nullptr), "llist_add"), CALL(llist_split_at(&no, 9)), CALL(llist_refalloc(nullptr, n)),
         CALL(llist_move_byobject(&no, &list, d)), CALL(llist_clone(&no, nullptr, n), "llist_refalloc"),
-        CALL(llist_get_bytype(list, id, 0)),
-        CALL(llist_enumcb_bytype(pair, id, visit, nullptr), "llist_enumcb_bytype", "llist_enumcb_bytype"),
+        CALL(llist_get_bytype(list, id, 0)), CALL(llist_enumcb_bytype(list, id, visit, nullptr)),
         CALL(llist_enum_bytype(list, id, &index, &cursor)), CALL(llist_enum_dynstr(list, &index, &cursor)),
         CALL(strlist_enum_dynstr(list, &index, &cursor)),
-        // lists of strings and pairs
+        // lists of strings
         CALL(dynstr_fromstrlist(objects, list, ""), ""), CALL(strlist_addstring(&list, "2", n, s)),
         CALL(strlist_getdynstr_at(list, 0), "llist_getobject_at"), CALL(strlist_getstring_at(list, 0)),
         CALL(strlist_fromstring("", ",", n, s)), CALL(strlist_fromstring_escaped(text, ',', '\\', n, s)),
         CALL(strlist_fromdynstr(d, ",", n)), CALL(strlist_fromstringarr(array, n, s)),
-        CALL(strpair_fromstring(text, "=", n, s)), CALL(strpairlist_addstrings(nullptr, "", "", n, s), ""),
-        CALL(strpairlist_addstrings(&no, nullptr, nullptr, n, s), "strpairlist_add"),
-        CALL(strpairlist_getfirst_at(pairs, 0)), CALL(strpairlist_clone(no, n)),
         CALL(dyndata_adddata(b, nullptr, 3), ""), CALL(dyndata_initpool("", 1, 1)), CALL(dyndata_getdata(nullptr)),
         CALL(dyndata_setdata(b, "x", 1)), CALL(dyndata_adddata(b, "x", 1)), CALL(dyndata_fromdata(area, "x", 1))};
     for (const Call &call : calls) {
