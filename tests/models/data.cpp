@@ -39,17 +39,11 @@ class Trial {
     unsigned room() const { return area_.bufsize - curr_; }
     Place pick(Stream &in) { return std::next(objects_.begin(), in.next() % static_cast<int>(objects_.size())); }
 
-    // Bytes of an object or a part of them, bytes from outside, or null.
+    // Bytes from outside, or null.
     Source source(Stream &in)
     {
-        if (const unsigned kind = in.below(32); kind < 8 && !objects_.empty()) {
-            if (const Place own = pick(in); !own->bytes.empty()) {
-                const unsigned from = in.next() % static_cast<unsigned>(own->bytes.size());
-                return {dyndata_getdata(own->handle) + from, own->bytes.substr(from, 1 + in.below(20))};
-            }
-        } else if (kind == 8) {
+        if (in.one_in(32))
             return {nullptr, "none"};
-        }
         const unsigned most = in.one_in(8) ? area_.bufsize + 2 : area_.bufsize / 4;
         given_.assign(in.next() % most, static_cast<char>('a' + in.below(26)));
         return {given_.data(), given_};
@@ -112,12 +106,9 @@ class Trial {
 
     void release(Place object)
     {
-        const bool is_last = object->twin == nullptr || header_of(object->twin) >> 24 == 0;
         memm_free(object->twin);
-        if (is_last) {
-            curr_ -= static_cast<unsigned>(object->bytes.size());
-            objects_.erase(object);
-        }
+        curr_ -= static_cast<unsigned>(object->bytes.size());
+        objects_.erase(object);
     }
 
     void create(dyndata *handle, unsigned max, const Source &source)
@@ -154,15 +145,10 @@ public:
             found.same(dyndata_adddata(object->handle, from.pointer, length), append(object, from), "adddata");
         } else if (what == 12) {
             found.same(dyndata_setmaxsize(object->handle, object->max = max), kOk, "setmaxsize");
-        } else if (what == 13 && max < 5) {
-            const bool more = memm_refalloc(object->twin) != nullptr;
-            found.same(dyndata_refalloc(object->handle) == object->handle, more, "refalloc");
         } else {
             const Place other = pick(in);
             const bool equal = object->bytes == other->bytes && !other->bytes.empty();
             found.same(dyndata_isdyndata_equal(object->handle, other->handle), int{equal}, "equal");
-            const bool same = object->bytes == from.bytes && length > 0 && from.pointer != nullptr;
-            found.same(dyndata_isdyndata_equal2(object->handle, from.pointer, length), int{same}, "equal2");
             found.same(dyndata_free(object->handle), 0, "free");
             release(object);
         }

@@ -1,4 +1,4 @@
-// Formatted and hexadecimal output against the C library's: flags, widths, lengths and letters in any mixture, also
+// Formatted output against the C library's: flags, widths, lengths and letters in any mixture, also
 // such as mean nothing, into strings with and without a limit and in a pool whose buffers are nearly full.
 #include "dynstring/text_pool.h"
 #include "models/family.h"
@@ -22,8 +22,8 @@ constexpr long long kValues[] = {0,       1,       -1,         42,         -100,
 Difference found;
 
 // Writes what is printed as `whole`, which may have zeros in its midst, into a pool of one buffer, of which another
-// string takes a part. Hexadecimal text is cut to whole bytes.
-void check(Stream &in, const std::string &whole, bool is_hex, const std::function<unsigned(dynstr *)> &write)
+// string takes a part.
+void check(Stream &in, const std::string &whole, const std::function<unsigned(dynstr *)> &write)
 {
     static const int started = memm_init(4, 1);
     static const auto pool = static_cast<unsigned>(dynstr_initpool2("texts", 20, 400, 1));
@@ -42,16 +42,15 @@ void check(Stream &in, const std::string &whole, bool is_hex, const std::functio
     const unsigned result = write(string);
     const bool waits = recorder().calls(Op::getmem) != asked;
     recorder().fail_never();
-    const std::size_t most = max == 0 ? whole.size() : std::min<std::size_t>(whole.size(), max - 1);
-    const std::size_t length = is_hex ? most / 2 * 2 : most;
+    const std::size_t length = max == 0 ? whole.size() : std::min<std::size_t>(whole.size(), max - 1);
     const std::string expected = whole.substr(0, length).c_str();
     // Without room at the end a text waits outside while the buffer is compacted, where only the other one stays.
-    const bool is_none = is_hex && whole.empty(), fits = is_none || length < room;
+    const bool fits = length < room;
     const bool fits_then = !has_no_block && expected.size() + 1 + dynstr_strlen(filler) + 1 <= texts.bufsize;
     found.same(waits, !fits, "a block from outside");
     found.same(result, fits || fits_then ? 0U : unsigned{MEMM_E_NO_MEMORY}, "result");
     found.same(std::string(dynstr_getstring(string)), result == 0 ? expected : "", "text");
-    found.same(string->str == nullptr, result != 0 || is_none, "an address");
+    found.same(string->str == nullptr, result != 0, "an address");
     found.same(dynstr_getmaxsize(string), max, "maximum size");
     found.same(dynstr_integrity_check(pool, 0), 1, "integrity_check");
 }
@@ -60,20 +59,8 @@ void print(Stream &in, const std::string &format, auto... values)
 {
     char printed[700];
     const int length = std::snprintf(printed, sizeof printed, format.c_str(), values...);
-    check(in, std::string(printed, static_cast<std::size_t>(length)), false,
+    check(in, std::string(printed, static_cast<std::size_t>(length)),
           [&](dynstr *string) { return dynstr_sprintf(string, format.c_str(), values...); });
-}
-
-void print_bytes(Stream &in)
-{
-    const std::string bytes(in.below(60), static_cast<char>(in.next()));
-    std::string digits;
-    for (const char byte : bytes)
-        digits += text("%02x", static_cast<unsigned char>(byte));
-    check(in, digits, true, [&](dynstr *string) {
-        return dynstr_sethexstring(string, reinterpret_cast<const unsigned char *>(bytes.data()),
-                                   static_cast<int>(bytes.size()));
-    });
 }
 
 }  // namespace
@@ -81,10 +68,6 @@ void print_bytes(Stream &in)
 std::string run_family(std::span<const unsigned char> bytes)
 {
     for (Stream in(bytes); !in.is_empty() && found.is_none(); ++operations) {
-        if (in.one_in(8)) {
-            print_bytes(in);
-            continue;
-        }
         const char letter = in.one_of(std::string_view("diuxdxXoc%"));
         const std::string length = letter == 'c' || letter == '%' ? "" : in.one_of(kLengths);
         const std::string format = text("<%%%%> %%%s%ss|%%%s%s%s%c", in.one_in(2) ? "-" : "", in.one_of(kWidths),

@@ -22,23 +22,12 @@ struct Node {
     llist *real = nullptr;  // until the list has been looked at
 };
 using Chain = std::vector<Node>;
-using Calls = std::vector<std::pair<void *, void *>>;
-
-Calls compared;
-bool only_greater = false;
 
 int key_of(const void *object) { return object == nullptr ? -1 : *static_cast<const int *>(object); }
-int is_key(void *held, void *key) { return key_of(held) == key_of(key); }
-int count_down(void *, void *left) { return (*static_cast<int *>(left))-- > 0; }
-int compare(void *placed, void *ordered)
-{
-    compared.emplace_back(placed, ordered);
-    const int difference = key_of(placed) - key_of(ordered);
-    return only_greater ? difference > 0 : difference;
-}
+int compare(void *placed, void *ordered) { return key_of(placed) - key_of(ordered); }
 
 class Trial {
-    const unsigned node_pools_[2], object_pools_[2], small_;
+    const unsigned node_pools_[2], object_pools_[2];
     void *objects_[kObjects];
     llist *lists_[kLists] = {};
     Chain chains_[kLists];
@@ -87,62 +76,42 @@ class Trial {
     {
         return count([pool](const Node &node) { return node.pool == pool; });
     }
-    bool has_node(unsigned pool, const Chain &pending = {}) const
-    {
-        return (pool == node_pools_[0] || pool == node_pools_[1]) && in_use(pool) + end_of(pending) < kNodes;
-    }
+    bool has_node(unsigned pool) const { return pool != kAny && in_use(pool) < kNodes; }
 
     int pick(Stream &in) const { return in.within(-1, kObjects - 1); }
-    unsigned pick_pool(Stream &in) const
-    {
-        const unsigned n = in.below(16);
-        return n == 15 ? kAny : n == 14 ? small_ : node_pools_[n % 2];
-    }
+    unsigned pick_pool(Stream &in) const { return in.one_in(16) ? kAny : in.one_of(node_pools_); }
 
-    // As it is written down: in strides of ten. Compares are noted.
-    int place_of(const Chain &chain, int object, Calls &calls) const
+    bool is_before(const Node &a, const Node &b) const { return key_of(real(a.object)) < key_of(real(b.object)); }
+
+    // Before those that are equal, in a list in order.
+    int place_of(const Chain &chain, int object) const
     {
-        const auto passes = [&](int i) {
-            calls.emplace_back(real(object), real(at(chain, i).object));
-            return key_of(real(object)) > key_of(real(at(chain, i).object));
-        };
-        if (chain.empty() || !passes(0))
-            return 0;
-        const int last = end_of(chain) - 1;
-        int p = 0;
-        for (int q; (q = std::min(p + 10, last)) != last && passes(q + 1);)
-            p = q;
-        while (p < last && passes(p + 1))
-            ++p;
-        return p + 1;
+        const auto before = [this](const Node &a, const Node &b) { return is_before(a, b); };
+        return static_cast<int>(std::lower_bound(chain.begin(), chain.end(), Node{object, 0}, before) - chain.begin());
     }
 
     // --- operations ---
 
     void add(Stream &in, llist *&list, Chain &chain)
     {
-        const unsigned kind = in.below(5), pool = pick_pool(in);
+        static constexpr unsigned (*kAdd[])(llist **, void *, int) = {llist_addobject, llist_addref, llist_pushobject};
+        const auto before = [this](const Node &a, const Node &b) { return is_before(a, b); };
+        const bool is_sorted = std::is_sorted(chain.begin(), chain.end(), before);
+        const unsigned kind = in.below(is_sorted ? 5 : 4), pool = pick_pool(in);
         const int id = static_cast<int>(pool), object = pick(in), index = in.within(-10, end_of(chain));
         const bool is_made = has_node(pool);
         int place = kind < 2 ? end_of(chain) : 0;
         unsigned result = 0;
         if (kind != 1)
             memm_refalloc(real(object));  // what the list takes over
-        if (kind == 0) {
-            result = llist_addobject(&list, real(object), id);
-        } else if (kind == 1) {
-            result = llist_addref(&list, real(object), id);
-        } else if (kind == 2) {
-            Calls calls;
-            compared.clear();
-            place = is_made ? place_of(chain, object, calls) : 0;
-            result = llist_insert_sorted(&list, real(object), id, compare) == 0 && is_made ? 0 : kNoMemory;
-            found.same(compared, calls, "compares of insert_sorted");
+        if (kind < 3) {
+            result = kAdd[kind](&list, real(object), id);
         } else if (kind == 3) {
-            result = llist_pushobject(&list, real(object), id);
-        } else {
             place = std::max(index < 0 ? index + length(chain) : index, 0);
             result = llist_insert_at(&list, real(object), index, id);
+        } else {
+            place = is_made ? place_of(chain, object) : 0;
+            result = llist_insert_sorted(&list, real(object), id, compare) == 0 && is_made ? 0 : kNoMemory;
         }
         found.same(result, is_made ? 0 : kNoMemory, "adding");
         if (is_made)
@@ -153,37 +122,22 @@ class Trial {
 
     void take_out(Stream &in, llist *&list, Chain &chain)
     {
-        const unsigned how = in.below(5);
+        static constexpr unsigned (*kAt[])(llist **, int) = {llist_delete_at, llist_remove_at, llist_unlink_at};
+        static constexpr unsigned (*kByObject[])(llist **, void *) = {llist_delete_byobject, llist_remove_byobject,
+                                                                      llist_unlink_byobject};
+        const unsigned how = in.below(3);
         const int index = in.within(-10, 13), object = pick(in);
-        const bool by_object = in.one_in(2), is_shared = in.one_in(4);
+        const bool by_object = in.one_in(2);
         const int place = by_object ? position_of(chain, object) : position(chain, index);
         const Node node = place < 0 ? Node{-1, 0} : at(chain, place);
         if (place >= 0)
             chain.erase(chain.begin() + place);
-        if (is_shared)
-            memm_refalloc(node.real);
-        unsigned result = place < 0 ? kInvalid : 0;
-        if (how == 0) {
-            result = by_object ? llist_delete_byobject(&list, real(object)) : llist_delete_at(&list, index);
-        } else if (how == 1) {
-            result = by_object ? llist_remove_byobject(&list, real(object)) : llist_remove_at(&list, index);
-        } else if (how == 2 && !by_object) {
-            found.same(llist_getandremove_at(&list, index), real(node.object), "getandremove");
-        } else if (how == 3) {
-            result = by_object ? llist_unlink_byobject(&list, real(object)) : llist_unlink_at(&list, index);
-        } else {
-            found.same(by_object ? llist_getandunlink_byobject(&list, real(object))
-                                 : llist_getandunlink_at(&list, index),
-                       node.real, "getandunlink");
-        }
+        const unsigned result = by_object ? kByObject[how](&list, real(object)) : kAt[how](&list, index);
         found.same(result, place < 0 ? kInvalid : 0, "taking out");
-        const bool is_removed = how == 1 || (how == 2 && !by_object);
-        if (is_removed)
+        if (how == 1)
             memm_free(real(node.object));
-        for (int holders = int{how != 0 && !is_removed} + is_shared; holders > 0 && place >= 0; --holders) {
-            found.expect(node.real->next == nullptr, "what follows a node that was taken out");
+        if (how == 2)
             memm_free(node.real);
-        }
     }
 
     void order(Stream &in, llist *&list, Chain &chain)
@@ -192,13 +146,10 @@ class Trial {
             found.same(llist_reverse(&list), 0U, "reverse");
             return std::reverse(chain.begin(), chain.end());
         }
-        only_greater = in.one_in(2);
         found.same(llist_sort(&list, compare), 0U, "sort");
-        only_greater = false;
         Chain sorted;
-        Calls unused;
         for (const Node &node : chain)
-            splice(sorted, place_of(sorted, node.object, unused), {node});
+            splice(sorted, place_of(sorted, node.object), {node});
         chain = length(chain) < 2 ? chain : sorted;
     }
 
@@ -217,23 +168,6 @@ class Trial {
         }
     }
 
-    void move_one(Stream &in, llist *&list, Chain &chain)
-    {
-        const int object = pick(in), place = position_of(chain, object);
-        const unsigned to = in.below(kLists + 1);
-        const bool moves = place >= 0 && to < kLists;
-        found.same(llist_move_byobject(&list, to < kLists ? &lists_[to] : nullptr, real(object)), moves ? 0 : kInvalid,
-                   "move_byobject");
-        if (place < 0)
-            return;
-        const Node node = at(chain, place);
-        chain.erase(chain.begin() + place);
-        if (moves)
-            chains_[to].push_back(node);
-        else
-            memm_free(node.real);
-    }
-
     void split(Stream &in, llist *&list, Chain &chain)
     {
         const int index = in.within(-10, 13), counted = length(chain);
@@ -250,27 +184,14 @@ class Trial {
 
     void copy(Stream &in, llist *&list, Chain &chain)
     {
-        const unsigned to = in.below(kLists), pool = pick_pool(in);
-        Chain copied;
-        if (in.one_in(2)) {
-            llist_addlist(&lists_[to], llist_refalloc(list, static_cast<int>(pool)));
-            for (const Node &node : chain)
-                if (has_node(pool, copied))
-                    copied.push_back({node.object, pool});
-            return splice(chains_[to], end_of(chains_[to]), copied);
-        }
-        int lost = -1;
-        for (int i = 0; i < length(chain) && lost < 0; ++i) {
-            if (has_node(pool, copied))
-                copied.push_back({at(chain, i).object, pool});
-            else
-                lost = at(chain, i).object;
-        }
-        found.same(llist_clone(&lists_[to], list, static_cast<int>(pool)), lost < 0 ? 0 : kNoMemory, "clone");
-        memm_free(real(lost));  // the reference that was taken last
+        const unsigned to = in.below(kLists), pool = in.one_of(node_pools_);
+        if (in_use(pool) + length(chain) > kNodes)
+            return;
+        found.same(llist_clone(&lists_[to], list, static_cast<int>(pool)), 0U, "clone");
+        Chain copied(chain.begin(), chain.begin() + length(chain));
+        for (Node &node : copied)
+            node = {node.object, pool};
         splice(chains_[to], end_of(chains_[to]), copied);
-        if (lost >= 0)
-            chains_[to].clear();
     }
 
     void replace_or_release(Stream &in, llist *&list, Chain &chain)
@@ -285,16 +206,9 @@ class Trial {
                 memm_free(real(object));
             return;
         }
-        llist *const first = list;
-        const bool is_shared = in.one_in(2);
-        if (is_shared)
-            memm_refalloc(first);
         found.same(llist_free_plist(&list), 0U, "free_plist");
         found.same<llist *>(list, nullptr, "list variable");
-        if (is_shared)
-            list = first;
-        else
-            chain.clear();
+        chain.clear();
     }
 
     // --- looking ---
@@ -307,19 +221,8 @@ class Trial {
         found.same(llist_get_at(list, index), node.real, "get_at");
         found.same(llist_getobject_at(list, index), real(node.object), "getobject_at");
         found.same(llist_getindex_byobject(list, real(object)), position_of(chain, object), "getindex_byobject");
-        found.same(llist_inlist(list, real(object)), int{object >= 0 && position_of(chain, object) >= 0}, "inlist");
-        int key = in.within(0, 5);
-        const int with_key = find(chain, [&](const Node &n) { return key_of(real(n.object)) == key; });
-        found.same(llist_searchobject(list, &key, is_key), with_key < 0 ? nullptr : real(at(chain, with_key).object),
-                   "searchobject");
         const unsigned type = in.one_of(std::initializer_list<unsigned>{object_pools_[0], object_pools_[1], kAny, 0});
-        found.same(llist_get_bytype(list, type, 0), nth_of_type(chain, 0, 0, type), "get_bytype");
         found.same(llist_get_bytype(list, type, 7), nth_of_type(chain, 0, 1, type), "get_bytype, second");
-        int left = in.within(0, 4);
-        const auto is_visited = [&](const Node &n) { return type_of(n.object) == type; };
-        const auto matching = static_cast<int>(std::count_if(chain.begin(), chain.begin() + length(chain), is_visited));
-        const int visited = std::min(left, matching);
-        found.same(llist_enumcb_bytype(list, type, count_down, &left), visited, "enumcb_bytype");
     }
 
     // The n-th from there on whose object is of the type; null.
@@ -377,9 +280,7 @@ class Trial {
 public:
     Difference found;
 
-    Trial()
-        : node_pools_{make_nodes(), make_nodes()}, object_pools_{make_pool("", kObjects), make_pool("", kObjects)},
-          small_(make_pool("", 4, 4))
+    Trial() : node_pools_{make_nodes(), make_nodes()}, object_pools_{make_pool("", kObjects), make_pool("", kObjects)}
     {
         for (int i = 0; i < kObjects; ++i) {
             objects_[i] = memm_calloc(type_of(i));
@@ -395,8 +296,8 @@ public:
     void step(Stream &in)
     {
         static constexpr void (Trial::*kOperations[])(Stream &, llist *&, Chain &) = {
-            &Trial::add,  &Trial::add,   &Trial::add,  &Trial::take_out, &Trial::order,
-            &Trial::move, &Trial::split, &Trial::copy, &Trial::move_one, &Trial::replace_or_release};
+            &Trial::add,  &Trial::add,   &Trial::add,  &Trial::take_out,          &Trial::order,
+            &Trial::move, &Trial::split, &Trial::copy, &Trial::replace_or_release};
         const unsigned list = in.below(kLists);
         (this->*in.one_of(kOperations))(in, lists_[list], chains_[list]);
         compare_all();
