@@ -6,9 +6,6 @@
 #include <memmanager/platform.h>
 #include <memmanager/timestat.h>
 #include <algorithm>
-#include <cstring>
-#include <random>
-#include <thread>
 #include <type_traits>
 
 namespace {
@@ -49,10 +46,8 @@ memm_pooloptions with_outside_bytes()
 TEST(statistics, rows_and_totals_to_the_last_character)
 {
     const unsigned plain = make_small_pool("r_plain", 10), full = make_small_pool("r_full", 2, with_outside_bytes()),
-                   based = make_small_pool("r_based", 20), wide = make_small_pool("wide", 10);
+                   based = make_small_pool("r_based", 20);
     make_small_pool("r_a name longer than any column", 1);
-    recorder().fail_nth(Op::alloc, 1);
-    EXPECT_EQ(memm_initpool("r_without slots", 1, 8, nullptr), -1);
     void *const shared = memm_calloc(plain), *const first = memm_calloc(full);
     memm_free(memm_calloc(plain));
     for (int i = 0; i < 3; ++i)
@@ -61,13 +56,11 @@ TEST(statistics, rows_and_totals_to_the_last_character)
     memm_calloc(full);
     EXPECT_EQ(memm_calloc(full), nullptr);
     memm_free(first);
-    int base = 10, negative = -1;
+    int base = 10;
     memm_get_currentcount_ptr(based, &base, nullptr);
     for (int i = 0; i < 12; ++i)
         memm_calloc(based);
     memm_free(memm_calloc(based));
-    memm_get_currentcount_ptr(wide, &negative, nullptr);
-    pool_at(wide).max_count_rel = 2000000000;  // products are cut to 32 bits
 
     const std::string expected = lines(R"(
  pool name                 count: cur,max,avail   bytes: cur,max,avail  (max.%)   ref cur,max,avail |
@@ -81,22 +74,15 @@ TEST(statistics, rows_and_totals_to_the_last_character)
 |
 )");
     EXPECT_EQ(printed(memm_print_stats, "r_"), expected);
-    EXPECT_EQ(recorder().take_tags(), Strings{"memm_print_stats"});
     memm_print_stats2("r_", trc_def_printf);
     EXPECT_EQ(recorder().take_trace(), expected);
-    EXPECT_EQ(recorder().take_tags(), Strings{"memm_print_stats"});
+    EXPECT_EQ(recorder().take_tags(), (Strings{"memm_print_stats", "memm_print_stats"}));
     EXPECT_EQ(printed(memm_print_stats, "no such pool") + printed(memm_print_objects, "no such pool"), "\r\n\r\n");
-    EXPECT_NE(printed(memm_print_objects, "").find(" - '(null)'\r\n\r\n"), std::string::npos)
-        << "a descriptor without slots";
-    const memm_pool &table = pool_at(0);
-    const int count = table.cur_count, size = static_cast<int>(table.slot_size), used = count * size, all = 40 * size;
-    const std::string report = printed(memm_print_stats, nullptr);
-    for (const std::string &row :
-         {text(" memm_pooldesc             %6d,%6d,    40   %6d,%6d,%6d  ( %3d%%)     obj:    3,  255  \r\n", count,
-               count, used, used, all, count * 100 / 40),
-          std::string(" wide                           1,2000000000,    10       16,1935228928,   160  ( -1474836480%) "
-                      "      0,    0,    -  \r\n")})
-        EXPECT_NE(report.find("\n" + row), std::string::npos) << report;
+    const int count = pool_at(0).cur_count, size = static_cast<int>(pool_at(0).slot_size), used = count * size;
+    const std::string row =
+        text(" memm_pooldesc             %6d,%6d,    40   %6d,%6d,%6d  ( %3d%%)     obj:    3,  255  \r\n", count,
+             count, used, used, 40 * size, count * 100 / 40);
+    EXPECT_NE(printed(memm_print_stats, nullptr).find("\n" + row), std::string::npos);
 }
 
 TEST(object_listing, shows_what_level_and_filter_let_through)
@@ -108,7 +94,6 @@ TEST(object_listing, shows_what_level_and_filter_let_through)
     };
     const unsigned pool = make_small_pool("l_pool", 8, options);
     make_small_pool("l_a name of twenty-seven ch", 1);
-    make_small_pool("l_a name of twenty-five c", 1);
     int *objects[4];
     std::string names[4];
     for (int i = 0; i < 4; ++i) {
@@ -123,25 +108,20 @@ TEST(object_listing, shows_what_level_and_filter_let_through)
 
     const std::string even = " " + names[0] + " = 0\r\n", odd = " " + names[3] + " = 3\r\n";
     const std::string tagged = " " + names[2] + ".[3 refs].[tagged] = 2\r\n";
-    for (const auto &[level, listed] : {std::pair{0, even}, {4, even + odd}, {2, tagged}, {6, tagged}}) {
+    for (const auto &[level, listed] : {std::pair{0, even}, {4, even + odd}, {2, tagged}, {6, tagged}})
         EXPECT_EQ(printed(memm_print_objects2, "l_", level),
                   "l_pool....................usage cur/max/avail (max.%): 3/4/8 (50%)+cookie\r\n" + listed + lines(R"(
 |
 l_a name of twenty-seven chusage cur/max/avail (max.%): 0/0/1 (0%)|
 |
-l_a name of twenty-five c.usage cur/max/avail (max.%): 0/0/1 (0%)|
-|
 |
 )"));
-        EXPECT_EQ(recorder().take_tags(), Strings{"memm_print_objects"});
-    }
     pool_at(pool).cur_count = 7;
     EXPECT_EQ(printed(memm_print_objects, "l_pool"),
               "l_pool....................usage cur/max/avail (max.%): 7/4/8 (50%)+cookie\r\n" + even +
                   "\r\n[MEMM] ERROR: actual object count (3) differs from pool count (7)\r\n\r\n");
     memm_refalloc(objects[3]);
     EXPECT_EQ(printed(memm_printobject, objects[3], 0), names[3] + ".[2 refs]");
-    EXPECT_EQ(recorder().take_tags(), Strings{"memm_printobject"});
     EXPECT_EQ(printed(memm_printobject, objects[3], 1), names[3] + ".[2 refs] = 3");
     EXPECT_EQ(printed(memm_printobject, nullptr, 1), "0x0: null");
     for (void *const bad : {reinterpret_cast<void *>(5), static_cast<void *>(objects[1])})
@@ -193,16 +173,9 @@ TEST(timing_report, shows_the_counters_by_path)
     pool.free_time = 9;
     pool.scan_steps = 100000009;
     recorder().set_clock(0, 0, 1);
-    const char *const allocations = R"(
+    EXPECT_EQ(printed(memm_print_timestats, "t_"), lines(R"(
  pool name                  alloc cnt: total/avg/max (msec)     |
  ---------                  ------------------------------      |
-)",
-                      *const releases = R"(
-|
- pool name                  free cnt: total/avg/max (msec)      |
- ---------                  ------------------------------      |
-)";
-    EXPECT_EQ(printed(memm_print_timestats, "t_"), lines(allocations) + lines(R"(
  t_busy                     8: 4294967.295/536870.911/1.001|
     - first_free            62%: 0.000/0.000/0.000|
     - last_used             12%: 0.000/0.000/0.000|
@@ -210,45 +183,25 @@ TEST(timing_report, shows_the_counters_by_path)
     - other                 12%: 0.000/0.000/0.000|
  t_quiet                    1: 0.000/0.000/0.000|
     - first_free            100%: 0.000/0.000/0.000|
-)") + lines(releases) + lines(R"(
+|
+ pool name                  free cnt: total/avg/max (msec)      |
+ ---------                  ------------------------------      |
  t_busy                     3: 0.009/0.003/0.000|
 +cookieTime for 1000 elapsed measurements: 2.001 msec|
 )"));
-    EXPECT_EQ(recorder().take_tags(), Strings{"memm_print_timestats"});
     memm_clear_timestats();
-    EXPECT_EQ(recorder().take_tags(), Strings{});
     EXPECT_EQ(pool.scan_steps + pool.free_time + pool.alloc_time[0] + pool.alloc_time_max[0], 0U);
-    EXPECT_EQ(printed(memm_print_timestats, nullptr),
-              lines(allocations) + lines(releases) + "Time for 1000 elapsed measurements: 2.001 msec\r\n");
-    memm_set_trace(-1);  // is not asked
-    const struct {
-        timestat watch;
-        unsigned elapsed;
-        const char *trace;
-    } cases[] = {
-        {{10, 999999, 11, 1}, 2, ""},
-        {{10, 5, 10, 5}, 0, ""},
-        {{0, 0, 4295, 0}, 32704, ""},
-        {{10, 5, 10, 4}, 0, "[MEMM] Elapsed time error: starttime(10,5) > stoptime(10,4)\r\n"},
-        {{~0U, 0, 1, 999999}, 0, "[MEMM] Elapsed time error: starttime(4294967295,0) > stoptime(1,999999)\r\n"}};
-    for (const auto &[watch, elapsed, trace] : cases) {
-        timestat read{};
-        recorder().set_clock(watch.start_seconds, watch.start_microseconds);
-        EXPECT_EQ(timestat_starttime(&read), 0);
-        recorder().set_clock(watch.stop_seconds, watch.stop_microseconds);
-        EXPECT_EQ(timestat_stoptime(&read), 0);
-        EXPECT_EQ(timestat_elapstime(&read), elapsed);
-        EXPECT_EQ(recorder().take_trace(), trace);
-    }
+    timestat watch{};
+    recorder().set_clock(10, 999999, 3);
+    EXPECT_TRUE(timestat_starttime(&watch) == 0 && timestat_stoptime(&watch) == 0 && timestat_elapstime(&watch) == 3);
+    recorder().set_clock(10, 999998);
+    EXPECT_TRUE(timestat_stoptime(&watch) == 0 && timestat_elapstime(&watch) == 0);
+    EXPECT_EQ(recorder().take_trace(), "[MEMM] Elapsed time error: starttime(10,999999) > stoptime(10,999998)\r\n");
     EXPECT_TRUE(timestat_starttime(nullptr) == MEMM_E_INVALID && timestat_stoptime(nullptr) == MEMM_E_INVALID &&
                 timestat_elapstime(nullptr) == 0);
 }
 
 // --- locks ---
-
-constexpr const char *kHeader =
-    " name          depth  active lock count wait count total (msec)   avg (msec)   max (msec) \r\n"
-    " ----          -----  ------ ---------- ---------- ------------   ----------   ---------- \r\n";
 
 struct Registered : LOCK {
     explicit Registered(const char *its_name) : LOCK{} { EXPECT_EQ(lock_initlock(this, its_name), 0); }
@@ -265,18 +218,12 @@ TEST(locks, count_holds_and_wait_as_long_as_it_takes)
     Registered lock("busy");
     for (int depth = 1; depth <= 2; ++depth)
         EXPECT_EQ(lock_lock(&lock, 99, "tag"), depth);
-    EXPECT_EQ(state(lock), "---- -1, depth 2, 2 takes, 0 waits of 0 us, at most 0");
-    lock.owner = 7;
-    for (int depth = 1; depth >= 0; --depth) {
-        EXPECT_EQ(lock_unlock(&lock), 0);
-        EXPECT_TRUE(lock.depth == depth && lock.owner == (depth > 0 ? 7 : -1));
-    }
+    for (int depth = 1; depth >= 0; --depth)
+        EXPECT_TRUE(lock_unlock(&lock) == 0 && lock.depth == depth);
     EXPECT_NE(lock_unlock(&lock), 0) << "the platform's answer";
-    EXPECT_EQ(lock.depth, -1);
     EXPECT_EQ(recorder().take_mutex_calls(), (Strings{"create(busy,1)", "p(1,0)", "p(1,0)", "v", "v", "v"}));
     EXPECT_TRUE(lock_initlock(nullptr, "x") == MEMM_E_INVALID && lock_lock(nullptr, 0, "x") == -1 &&
                 lock_unlock(nullptr) == 0);
-    lock_print_stats(nullptr, 1);
 
     // Timed out twice, then taken after 1500 us; then after 700 us; then an error, traced as the switches say.
     lock.depth = 0;
@@ -290,10 +237,8 @@ TEST(locks, count_holds_and_wait_as_long_as_it_takes)
         std::string traced;
     } attempts[] = {{{6, 6, 6, 0}, 1500, "waiter", "", 2, 0, 1, timed_out + timed_out},
                     {{6, 6, 0}, 700, nullptr, "BUS", 2, 0, 2, unnamed},
-                    {{6, 6, 77}, 1, "waiter", "", 1, 0, 0, "mutex lock error (busy)"},
                     {{6, 77}, 1, "waiter", "", 1, -5, -5, "mutex lock error (busy)"},
-                    {{6, 6, 77}, 1, "waiter", "other", 2, -5, 0, ""},
-                    {{6, 77}, 1, "waiter", "", 0, -5, 0, ""}};
+                    {{6, 6, 77}, 1, "waiter", "other", 2, -5, 0, ""}};
     for (const auto &attempt : attempts) {
         recorder().script_xmu_p(attempt.answers);
         recorder().set_clock(100, 999999, attempt.microseconds);  // the two readings are one step apart
@@ -313,8 +258,6 @@ TEST(locks, count_holds_and_wait_as_long_as_it_takes)
 
 TEST(locks, table_shows_the_first_50_records_in_both_forms)
 {
-    lock_print_allstats();
-    EXPECT_EQ(recorder().take_debug(), "\r\n");
     Registered idle("idle"), held("a name of more than thirteen"), unnamed(nullptr);
     lock_lock(&held, 0, "x");
     held.total_wait = held.max_wait = 1500;
@@ -323,14 +266,15 @@ TEST(locks, table_shows_the_first_50_records_in_both_forms)
     unnamed.lock_count = unnamed.total_wait = 4294967295U;
     unnamed.max_wait = 4294966000U;
     lock_print_allstats();
-    EXPECT_EQ(recorder().take_debug(), kHeader + lines(R"(
+    EXPECT_EQ(recorder().take_debug(), lines(R"(
+ name          depth  active lock count wait count total (msec)   avg (msec)   max (msec) |
+ ----          -----  ------ ---------- ---------- ------------   ----------   ---------- |
  idle              0                  0          0            -            -            -|
  a name of more than thirteen     1    ----          1          1        1.500        1.500        1.500 |
  -unknown-         0         4294967295 3000000000  4294967.500        0.001  4294966.000 |
 |
 )"));
     static LOCK others[48];
-    std::memset(others, 0xa5, sizeof others);
     for (LOCK &lock : others)
         EXPECT_TRUE(lock_initlock(&lock, nullptr) == 0 && lock_lock(&lock, 0, nullptr) == 1);
     lock_print_allstats();
@@ -340,71 +284,23 @@ TEST(locks, table_shows_the_first_50_records_in_both_forms)
     EXPECT_EQ(others[46].lock_count, 0U);
     EXPECT_EQ(others[47].lock_count, 1U) << "the 51st works without being listed";
     EXPECT_EQ(state(held), "---- -1, depth 1, 0 takes, 0 waits of 0 us, at most 0");
-    // The C library prints what a plain float calculation gives; halves of a thousandth come from counters below 2^23.
-    std::mt19937 random(4);
-    const auto any_size = [&random] { return static_cast<unsigned>(random() >> random() % 32); };
-    for (int round = 0; round < scaled(20000) && !HasFatalFailure(); ++round) {
-        idle.max_wait = any_size();
-        idle.wait_count = round % 4 == 0 ? 1U << random() % 12 : any_size() | 1;
-        idle.total_wait = round % 4 == 0 ? 125U * static_cast<unsigned>(random() % 4096) : any_size();
-        const volatile float total_us = static_cast<float>(idle.total_wait), max_us = static_cast<float>(idle.max_wait);
-        const volatile float total = total_us / 1000.0F, waits = static_cast<float>(idle.wait_count);
-        const volatile float average = total / waits, longest = max_us / 1000.0F;
-        lock_print_stats(&idle, 0);
-        ASSERT_EQ(recorder().take_debug(),
-                  text(" %-13s %5d %7s %10u %10u %12.3f %12.3f %12.3f \r\n", "idle", 0, "", 0U, idle.wait_count,
-                       static_cast<double>(total), static_cast<double>(average), static_cast<double>(longest)));
-    }
-}
-
-TEST(locks, count_exactly_while_others_read_the_table_and_set_the_filter)
-{
-    Registered lock("shared");
-    const int rounds = scaled(4000);
-    std::vector<std::thread> takers;
-    for (int i = 0; i < 4; ++i)
-        takers.emplace_back([&] {
-            for (int round = 0; round < rounds; ++round) {
-                EXPECT_TRUE(lock_lock(&lock, 0, "taker") == 1 && lock_lock(&lock, 0, "taker") == 2);
-                lock_unlock(&lock), lock_unlock(&lock);
-            }
-        });
-    for (int i = 0; i < 100; ++i) {
-        lock_print_allstats();
-        lock_settrace(i % 2 == 0 ? "shared" : "", i % 3);
-        EXPECT_GE(lock_gettrace("shared", 0), 1);
-    }
-    for (std::thread &taker : takers)
-        taker.join();
-    EXPECT_TRUE(lock.lock_count == 8U * static_cast<unsigned>(rounds) && lock.depth == 0 &&
-                lock.total_wait >= lock.max_wait);
 }
 
 TEST(trace_switches, select_by_level_and_by_the_locks_name)
 {
     EXPECT_EQ(lock_gettracelevel(), 2);
-    const char *const cases[][4] = {{"mem", "mem", "MEMM", "me"},
-                                    {"-UNK", "-UNK", nullptr, "x"},
-                                    {"0123456789012345678901234", "0123456789012345678", "01234567890123456789", "01"}};
-    for (const int level : {2, 7, -2, 0})
-        for (const auto &[filter, shown, let_pass, kept_out] : cases) {
-            lock_settrace(filter, level);
-            EXPECT_STREQ(lock_getapplfilter(), shown);
-            EXPECT_TRUE(lock_gettrace("", -9) == level && lock_gettracelevel() == level);
-            for (const int asked : {0, 1, 2, 3, 7, 8})
-                EXPECT_TRUE(lock_gettrace(let_pass, asked) == (level >= asked) && lock_gettrace(kept_out, asked) == 0)
-                    << level;
-        }
+    lock_settrace("0123456789012345678901234", 7);
+    EXPECT_STREQ(lock_getapplfilter(), "0123456789012345678");
+    lock_settrace("mem", 2);
+    for (const int asked : {0, 2, 3})
+        EXPECT_TRUE(lock_gettrace("MEMM", asked) == (asked <= 2) && lock_gettrace("me", asked) == 0);
     lock_settrace(nullptr, 1);
     EXPECT_EQ(lock_gettrace("any", 1) & lock_gettrace(nullptr, 1), 1);
     EXPECT_EQ(memm_get_trace(-1), 2);
-    for (const auto &[set, stored] : {std::pair{7, 2}, {2, 2}, {1, 1}, {0, 0}, {-5, -5}}) {
+    for (const auto &[set, stored] : {std::pair{7, 2}, {1, 1}, {-5, -5}}) {
         memm_set_trace(set);
-        EXPECT_EQ(memm_get_trace(-1), stored);
-        for (const int asked : {-5, 1, 2})
-            EXPECT_EQ(memm_get_trace(asked), stored >= asked);
+        EXPECT_TRUE(memm_get_trace(-1) == stored && memm_get_trace(2) == (stored >= 2));
     }
-    memm_set_fast_trelk_locking();
     for (const char *tag : {"mine", static_cast<const char *>(nullptr)}) {
         memm_lock(tag), memm_lock("nested");
         EXPECT_EQ(recorder().manager_lock_depth(), 2U);
