@@ -190,45 +190,22 @@ private:
     // Pointers that are no object of this kind: null is everybody's.
     template <class T> std::vector<void *> wild()
     {
-        static unsigned stack_like[16];
         static char *const hidden =
             static_cast<char *>(mmap(nullptr, 8192, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        static char *const unmapped =
-            static_cast<char *>(mmap(nullptr, 8192, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        munmap(unmapped, 8192);
-        std::fill(std::begin(stack_like), std::end(stack_like), id(strings));
         const auto text = reinterpret_cast<char *>(string()), node = reinterpret_cast<char *>(list({"", "", 0}));
         void *const deleted = string(), *const released = bytes(), *const loose = list({"", "", 0});
         for (void *object : {deleted, released, loose})
             memm_free(object);
-        std::vector<void *> all{deleted,
-                                released,
-                                loose,
-                                text + 1,
-                                text + 4,
-                                text + 8,
-                                node + 1,
-                                node + 4,
-                                node + 8,
-                                hidden,
-                                hidden + 4,
-                                hidden + 4096,
-                                unmapped + 4,
-                                stack_like + 4,
-                                reinterpret_cast<void *>(&std::abort),
-                                memm_get_pool_nolock(id(strings)),
-                                memm_calloc(id(objects))};
-        for (std::uintptr_t address = 1; address <= 8; ++address)
-            all.push_back(reinterpret_cast<void *>(address));
+        std::vector<void *> all{deleted, released, loose, text + 4, node + 8, hidden, hidden + 4096};
+        all.push_back(reinterpret_cast<void *>(&std::abort));
+        all.push_back(memm_get_pool_nolock(id(strings)));
+        for (std::uintptr_t offset = 1; offset <= 4; ++offset)
+            all.push_back(reinterpret_cast<void *>(offset)), all.push_back(text + offset),
+                all.push_back(hidden + offset);
         for (const int pool : {objects, strings, nodes, data})
-            if (const memm_pool *p = memm_get_pool_nolock(id(pool)); p != nullptr && p->slots != nullptr)
-                all.push_back(p->last_item + 4);  // a free slot
-        if (!std::is_same_v<T, dynstr>)
-            all.push_back(text);
-        if (!std::is_same_v<T, llist>)
-            all.push_back(node);
-        if (!std::is_same_v<T, dyndata>)
-            all.push_back(bytes());
+            all.push_back(memm_get_pool_nolock(id(pool))->last_item + 4);  // a free slot
+        all.push_back(std::is_same_v<T, dynstr> ? node : text);
+        all.push_back(std::is_same_v<T, dyndata> ? static_cast<void *>(node) : bytes());
         return all;
     }
 };
@@ -241,24 +218,8 @@ struct Call {
 
 // --- calls whose arguments no table makes up; a name found here hides the exported one ---
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-inline dynstr *dynstr_fromvprintf(unsigned pool, const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    dynstr *const made = ::dynstr_fromvprintf(pool, format, arguments);
-    va_end(arguments);
-    return made;
-}
-inline void _dynstr_ex_fromvprintf(unsigned pool, dynstr **slot, const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    ::_dynstr_ex_fromvprintf(pool, slot, format, arguments, "file", 1);
-    va_end(arguments);
-}
-#pragma GCC diagnostic pop
+inline constexpr auto &dynstr_fromvprintf = ::dynstr_fromprintf;
+inline constexpr auto &_dynstr_ex_fromvprintf = ::_dynstr_ex_fromprintf;
 inline unsigned dynstr_strlen(const dynstr *d)  // believes any other pointer
 {
     return d == nullptr || dynstr_isdynstring(d) != 0 ? ::dynstr_strlen(d) : 0;

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 namespace {
 
@@ -65,17 +64,10 @@ const Obstacle kObstacles[] = {
      [](auto &, auto &path) { write_file(path, std::string(20000, 'x')), fs::permissions(path, fs::perms(0600)); }},
     {"symbolic link", [](auto &folder, auto &path) { fs::create_symlink(folder.path("/victim"), path); }},
     {"dangling link", [](auto &folder, auto &path) { fs::create_symlink(folder.path("/nowhere"), path); }},
-    {"link to a device", [](auto &, auto &path) { fs::create_symlink("/dev/full", path); }},
     {"hard link", [](auto &folder, auto &path) { fs::create_hard_link(folder.path("/victim"), path); }},
     {"FIFO", [](auto &, auto &path) { mkfifo(path.c_str(), 0666); }},
-    {"FIFO that is read",
-     [](auto &, auto &path) {
-         mkfifo(path.c_str(), 0666), static_cast<void>(openat(AT_FDCWD, path.c_str(), O_RDONLY | O_NONBLOCK));
-     }},
     {"directory", [](auto &, auto &path) { fs::create_directories(path + "/not empty"); }, -2},
-    {"device", [](auto &, auto &path) { mknod(path.c_str(), S_IFCHR | 0666, makedev(1, 7)); }},
     {"another's file", [](auto &, auto &path) { be_nobody(path, 0777); }},
-    {"another's file, sticky", [](auto &, auto &path) { be_nobody(path, 01777); }, -2},
     {"read-only directory", [](auto &, auto &path) { be_nobody(path, 0555); }, -2},
     {"full disk",
      [](auto &, auto &path) {
@@ -86,20 +78,11 @@ const Obstacle kObstacles[] = {
      },
      0},
     {"size limit", [](auto &, auto &) { limit_file_size(20); }, 20},
-    {"size limit, its signal blocked",
-     [](auto &, auto &) {
-         sigset_t signals;
-         sigemptyset(&signals), sigaddset(&signals, SIGXFSZ), sigprocmask(SIG_BLOCK, &signals, nullptr);
-         limit_file_size(20);
-     },
-     20},
     {"short writes", [](auto &, auto &) { fail_always(Op::write, kShort); }},
     {"interruptions",
      [](auto &, auto &) { fault = [n = 0](Op op) mutable { return op == Op::write && ++n % 2 != 0 ? EINTR : 0; }; }},
-    {"no fstat", [](auto &, auto &) { fail_always(Op::fstat, EIO); }},
     {"no ftruncate",
      [](auto &, auto &path) { write_file(path, std::string(20000, 'x')), fail_always(Op::ftruncate, EIO); }},
-    {"no close", [](auto &, auto &) { fail_always(Op::close, EIO); }},
     {"no write", [](auto &, auto &) { fail_always(Op::write, EDQUOT); }, 0},
 };
 
@@ -159,33 +142,6 @@ TEST(files, are_written_where_they_are_ours_and_nowhere_else)
             }
             EXPECT_EQ(children.end(), "");
         }
-}
-
-TEST(files, with_orders_are_followed_when_they_are_plain_ones)
-{
-    const OwnFolder folder;
-    make_pool("", 1);
-    const std::string order = folder.path("/etc/config/memm_dump_pools"), other = folder.path("/etc/other");
-    write_file(other, "stats\n");
-    const std::pair<std::function<void()>, bool> cases[] = {
-        {[] {}, false},
-        {[&] { fs::create_directory(order); }, false},
-        {[&] {
-             static_cast<void>(mkfifo(order.c_str(), 0600) +
-                               write(openat(AT_FDCWD, order.c_str(), O_RDWR), "stats\n", 6));
-         },
-         false},
-        {[&] { fs::create_symlink("/dev/zero", order); }, false},
-        {[&] { fs::create_symlink(other, order); }, true},
-        {[&] { fs::create_hard_link(other, order); }, true},
-    };
-    for (const auto &[place, is_followed] : cases) {
-        place();
-        raise(SIGUSR2);
-        const std::string stats = is_followed ? printed([] { memm_print_stats(nullptr); }) : "";
-        EXPECT_EQ(content_of(folder.contents_path()), "\r\n\r\nReason: SIGUSR2\r\n" + stats);
-        fs::remove_all(order);
-    }
 }
 
 }  // namespace

@@ -181,6 +181,8 @@ int raise_both()
     return 0;
 }
 
+int raise_and_print(const char *, ...) { return raise_both(); }
+
 TEST(signals, wait_for_whoever_holds_the_pools)
 {
     const OwnFolder folder;
@@ -200,7 +202,7 @@ TEST(signals, wait_for_whoever_holds_the_pools)
         [=] { memm_free(memm_calloc(pool)); },
         [=] { memm_free_nolock(memm_calloc_nolock(pool)); },
         [=] { memm_calloc_nolock(empty), --dumps_opened; },  // the depletion's own
-        [] { memm_print_stats2("no such pool", [](const char *, ...) { return raise_both(); }); },
+        [] { memm_print_stats2("no such pool", raise_and_print); },
     };
     for (std::size_t i = 0; i < std::size(cases); ++i) {
         dumps_opened = 0;
