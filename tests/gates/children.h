@@ -27,7 +27,7 @@ inline std::string verdict()
     memm_print_objects(nullptr);
     const std::string report = recorder().take_debug() + recorder().take_trace();
     if (report.find("ERROR") != report.npos || report.find("failed") != report.npos)
-        return "a report complains:\n" + report;
+        return report;
     for (unsigned pool = 0; memm_get_pool_nolock(pool) != nullptr; ++pool)
         if (dynstr_integrity_check(pool, 0) == 0)
             return "unsound strings: " + std::to_string(pool);

@@ -36,19 +36,12 @@ std::string expected_of(const std::string &orders)
 std::string run_family(std::span<const unsigned char> bytes)
 {
     static OwnFolder *const folder = [] {
-        for (const std::string *name : {&kStart, &kRest, &kLong})
-            memm_calloc(make_pool(name->c_str(), 2));
-        memm_calloc(make_pool("order.a", 2));
+        for (const char *name : {kStart.c_str(), kRest.c_str(), kLong.c_str(), "order.a"})
+            memm_calloc(make_pool(name, 2));
         return new OwnFolder;
     }();
-    const std::string words[] = {"stats",       "all",
-                                 "order.",      "order.a",
-                                 "#",           "\n",
-                                 "\n",          "\n",
-                                 " ",           std::string(62, '-'),
-                                 kLong,         std::string(511, '#') + "\n",
-                                 kRest,         std::string(1, '\0'),
-                                 "no such pool"};
+    const std::string words[] = {"stats", "all", "order.a",           "#", "\n", "\n", "\n", " ",
+                                 kLong,   kRest, std::string(1, '\0')};
     Stream stream(bytes);
     Difference difference;
     while (!stream.is_empty() && difference.is_none()) {

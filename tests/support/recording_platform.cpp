@@ -33,10 +33,7 @@ std::string format_text(const char *format, va_list arguments)
 memm::FutexLock mutexes[2000];
 std::atomic<unsigned> mutex_count{1};
 
-memm::FutexLock *find_mutex(unsigned handle)
-{
-    return handle == 0 || handle >= mutex_count ? nullptr : &mutexes[handle];
-}
+memm::FutexLock &mutex_of(unsigned handle) { return mutexes[handle % std::size(mutexes)]; }
 
 void append(std::string &channel, const std::string &more)
 {
@@ -69,6 +66,8 @@ unsigned get_block(Op op, unsigned size, void **block)
         return 0;
     const std::size_t lead = code == kMisaligned ? 4 : 0;
     auto *const memory = static_cast<unsigned char *>(std::malloc(size + lead));
+    if (memory == nullptr)
+        return 12;
     std::memset(memory, kDirt, size + lead);
     if (op == Op::alloc)
         recorder().blocks_.push_back(memory);
@@ -118,7 +117,7 @@ std::string text(const char *format, ...)
 void Recorder::forget()
 {
     take_debug(), take_trace(), take_errors();
-    take_tags(), take_allocations(), take_mutex_calls();
+    take_tags(), take_allocations();
 }
 
 void Recorder::fail_nth(Op op, unsigned n, unsigned code, Fault, unsigned repeated)
@@ -161,36 +160,21 @@ unsigned xm_retmem(void *block)
     return static_cast<unsigned>(code);
 }
 
-unsigned xmu_create(const char *name, int option, unsigned *handle)
+unsigned xmu_create(const char *, int, unsigned *handle)
 {
-    const int code = fault_of_next(Op::create);
-    const std::lock_guard guard(recorder().mutex_);
-    recorder().mutex_calls_.push_back(text("create(%s,%d)", name, option));
-    if (code != 0)
-        return static_cast<unsigned>(code);
     *handle = mutex_count++;
-    return 0;
+    return static_cast<unsigned>(fault_of_next(Op::create));
 }
 
 unsigned xmu_p(unsigned handle, int mode, int timeout)
 {
-    {
-        const std::lock_guard guard(recorder().mutex_);
-        recorder().mutex_calls_.push_back(text("p(%d,%d)", mode, timeout));
-    }
     if (const int code = fault_of_next(Op::take); code != 0)
         return static_cast<unsigned>(code);
-    memm::FutexLock *const lock = find_mutex(handle);
-    return lock == nullptr ? 22 : (mode == 1 ? lock->try_take() : lock->take_for(timeout)) ? 0 : 6;
+    memm::FutexLock &lock = mutex_of(handle);
+    return (mode == 1 ? lock.try_take() : lock.take_for(timeout)) ? 0 : 6;
 }
 
-unsigned xmu_v(unsigned handle)
-{
-    const std::lock_guard guard(recorder().mutex_);
-    recorder().mutex_calls_.emplace_back("v");
-    memm::FutexLock *const lock = find_mutex(handle);
-    return lock == nullptr ? 22 : lock->release() ? 0 : 1;
-}
+unsigned xmu_v(unsigned handle) { return mutex_of(handle).release() ? 0 : 1; }
 
 void P(const char *tag)
 {

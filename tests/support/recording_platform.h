@@ -31,9 +31,8 @@ public:
     std::string take_trace() { return take(trace_); }
     std::string take_errors() { return take(errors_); }           // "0x10002 2 memm memmanager: message\n" each
     std::vector<std::string> take_tags() { return take(tags_); }  // of the outermost P calls
-    std::vector<Allocation> take_allocations() { return take(allocations_); }   // all xm_alloc calls
-    std::vector<std::string> take_mutex_calls() { return take(mutex_calls_); }  // "create(name,1)" "p(1,0)" "v"
-    void forget();                                                              // all of the above
+    std::vector<Allocation> take_allocations() { return take(allocations_); }  // all xm_alloc calls
+    void forget();                                                             // all of the above
 
     void allow_reports() { reports_allowed_ = true; }  // traces and errors need not be taken in this test
 
@@ -53,7 +52,7 @@ public:
     // --- what the operations note; guarded by the mutex ---
     std::mutex mutex_;
     std::string debug_, trace_, errors_;
-    std::vector<std::string> tags_, mutex_calls_;
+    std::vector<std::string> tags_;
     std::vector<Allocation> allocations_;
     std::vector<void *> blocks_;  // of xm_alloc, for ever
     std::set<void *> outside_;
