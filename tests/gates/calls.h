@@ -193,12 +193,11 @@ private:
         void *const deleted = string(), *const released = bytes(), *const loose = list({"", "", 0});
         for (void *object : {deleted, released, loose})
             memm_free(object);
-        std::vector<void *> all{deleted, released, loose, text + 4, node + 8, hidden, hidden + 4096};
+        std::vector<void *> all{deleted, released, loose, text + 1, node + 8, hidden + 4, hidden + 4096};
         all.push_back(reinterpret_cast<void *>(&std::abort));
         all.push_back(memm_get_pool_nolock(id(strings)));
-        for (std::uintptr_t offset = 1; offset <= 4; ++offset)
-            all.push_back(reinterpret_cast<void *>(offset)), all.push_back(text + offset),
-                all.push_back(hidden + offset);
+        for (std::uintptr_t address = 1; address <= 8; ++address)
+            all.push_back(reinterpret_cast<void *>(address));
         for (const int pool : {objects, strings, nodes, data})
             all.push_back(memm_get_pool_nolock(id(pool))->last_item + 4);  // a free slot
         all.push_back(std::is_same_v<T, dynstr> ? node : text);

@@ -17,15 +17,13 @@ TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
     recorder().largest_block = 1 << 24;
     recorder().allow_reports();
     Children children;
-    std::atomic<int> &made = *static_cast<std::atomic<int> *>(
-        mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     for (const Call &call : calls()) {
         if (!children.fork(call.name))
             continue;
         static World world({});
         for (std::size_t i = 0; i < call.bad_ones.size(); ++i)
             for (std::size_t bad = 0, count = call.bad_ones[i](world); bad < count; ++bad)
-                for (int round = 0; round < rounds; ++round, ++made) {
+                for (int round = 0; round < rounds; ++round) {
                     call.operator_(world, static_cast<int>(i), static_cast<int>(bad));
                     world.sweep();
                     recorder().forget();
@@ -33,8 +31,7 @@ TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
         children.end();
     }
     EXPECT_EQ(children.end(), "");
-    std::printf("%d calls\n", made.load());
-    EXPECT_GE(made, 6000 * rounds);
+    EXPECT_GE(children.count, 150) << "functions";
 }
 
 int reports_left = 1 << 30;
@@ -58,6 +55,12 @@ void run_script(const Sizes &sizes)
     }
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kForkShare = 20;  // percent: forks are dear there
+#else
+constexpr int kForkShare = 100;
+#endif
+
 struct Way {
     Op op;
     int code;
@@ -74,12 +77,7 @@ TEST(faults, at_every_call_of_the_platform_leave_pools_that_work)
     const OwnFolder folder;
     folder.order("stats\nall\n");
     Children children;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    const int share = 20;  // percent: forks are dear there
-#else
-    const int share = 100;
-#endif
-    const int stride = std::max(1, 100 / std::max(1, scaled(share)));
+    const int stride = std::max(1, 100 / std::max(1, scaled(kForkShare)));
     int points = 0;
     const Way *met = nullptr;  // in a child
     bool always = false;
@@ -115,8 +113,7 @@ TEST(depletion, of_any_pool_at_any_size_leaves_pools_that_work)
     for (int Sizes::*size : {&Sizes::table, &Sizes::controls, &Sizes::areas, &Sizes::objects, &Sizes::strings,
                              &Sizes::nodes, &Sizes::data})
         for (Sizes sizes; sizes.*size > 0 && !children.is_child(); --(sizes.*size))
-            if (children.fork(text("%d,%d,%d,%d,%d,%d,%d", sizes.table, sizes.controls, sizes.areas, sizes.objects,
-                                   sizes.strings, sizes.nodes, sizes.data)))
+            if (children.fork(text("at size %d", sizes.*size)))
                 run_script(sizes), children.end();
     EXPECT_EQ(children.end(), "");
     std::printf("%d sizes\n", children.count);

@@ -4,14 +4,10 @@
 #include "support/recording_platform.h"
 
 #include <memmanager/platform.h>
-#include <algorithm>
 #include <climits>
 #include <cstring>
-#include <thread>
 
 namespace {
-
-using Strings = std::vector<std::string>;
 
 constexpr unsigned kWord = sizeof(memm_word), kLead = kWord - 4;  // in front of the first header
 
@@ -105,8 +101,9 @@ TEST(pools, are_locked_under_the_names_of_their_calls)
     memm_free_nolock(memm_calloc_nolock(pool)), memm_free_nolock(memm_calloc_nolock_nogc(pool));
     memm_initpool(nullptr, 0, 0, nullptr);
     EXPECT_EQ(recorder().take_tags(),
-              (Strings{"memm_calloc", "memm_refalloc", "memm_search", "memm_getfirst", "memm_getnext", "memm_getindex",
-                       "memm_enum_objects", "memm_tag_objects", "memm_free", "memm_free", "memm_initpool"}));
+              (std::vector<std::string>{"memm_calloc", "memm_refalloc", "memm_search", "memm_getfirst", "memm_getnext",
+                                        "memm_getindex", "memm_enum_objects", "memm_tag_objects", "memm_free",
+                                        "memm_free", "memm_initpool"}));
     recorder().take_trace();
 }
 
@@ -126,30 +123,6 @@ TEST(pools, report_what_a_release_callback_should_not_do)
     *static_cast<int *>(object) = MEMM_KEPT;
     EXPECT_EQ(memm_free(object), MEMM_E_SETUP);
     EXPECT_TRUE(recorder().take_trace().starts_with("[MEMM] memm_free: free2_ex failed for: 0x"));
-}
-
-TEST(depletion, inside_of_a_report_is_told_but_does_not_begin_another)
-{
-    const OwnFolder folder;
-    folder.order("dry\n");
-    static unsigned dry;
-    memm_pooloptions options{};
-    options.print_cb = [](void *) {
-        EXPECT_EQ(memm_calloc_nolock(dry), nullptr);
-        dbg_printf(" mine");
-        std::thread([] { dbg_printf("another thread's"); }).join();
-    };
-    options.stats_cb = [](void *, int *, int *, int *, memm_printf_fn print) { print("[%s %.2f]", "stats", 1.5); };
-    dry = make_pool("dry", 1, 8, options);
-    memm_calloc(dry);
-    raise(SIGUSR2);
-    const std::string errors = recorder().take_errors(), report = content_of(folder.contents_path());
-    EXPECT_TRUE(dumps_opened == 1 && std::count(errors.begin(), errors.end(), '\n') == 1) << errors;
-    EXPECT_EQ(recorder().take_debug(), "another thread's");
-    EXPECT_TRUE(report.find("[stats 1.50]\r\n") != report.npos && report.find(" mine\r\n") != report.npos &&
-                report.find("another") == report.npos && report.ends_with("\r\n\r\n"))
-        << report;
-    recorder().forget();
 }
 
 }  // namespace

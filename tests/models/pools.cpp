@@ -317,7 +317,7 @@ public:
         else if (choice == 26)
             spare_flag_ = model_.spare_flag = 0;
         else if (choice == 27 && depth_ == 0)
-            for (int count = stream_->within(1, model_.slots()); count > 0 && take(); --count)
+            for (int count = static_cast<int>(stream_->next()) * model_.slots() / 400; count >= 0 && take(); --count)
                 ;
         else if (choice == 28 && depth_ == 0)
             for (int slot = any_slot(); slot >= 0 && !stream_->is_empty() && !stream_->one_in(40); --slot)
