@@ -5,7 +5,6 @@
 #include <memmanager/dynstring.h>
 
 #include <csignal>
-#include <deque>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/resource.h>
@@ -38,34 +37,17 @@ inline std::string verdict()
 
 // Forks that go on where they are made; each has a second of processor time, more on slow targets.
 class Children {
-    struct Child {
-        pid_t pid;
-        std::string label;
-    };
-    std::deque<Child> running_;
     bool is_child_ = false;
     std::string failures_;
-
-    void finish(const Child &child)
-    {
-        int status = 0;
-        waitpid(child.pid, &status, 0);
-        if (status != 0)
-            failures_ += child.label + text(": status 0x%x\n", static_cast<unsigned>(status));
-    }
 
 public:
     int count = 0;
 
     bool is_child() const { return is_child_; }
 
-    // True in the child.
+    // True in the child; the parent waits for its end.
     bool fork(const std::string &label)
     {
-        if (running_.size() >= 2) {
-            finish(running_.front());
-            running_.pop_front();
-        }
         ++count;
         const pid_t pid = _Fork();  // without the library's own handlers: it may have called this
         is_child_ = pid == 0;
@@ -73,8 +55,8 @@ public:
             const rlimit seconds{scaled(100) < 100 ? 20U : 2U, 20U};
             setrlimit(RLIMIT_CPU, &seconds);
             alarm(60);
-        } else {
-            running_.push_back({pid, label});
+        } else if (int status = 0; waitpid(pid, &status, 0) != pid || status != 0) {
+            failures_ += label + text(": status 0x%x\n", static_cast<unsigned>(status));
         }
         return is_child_;
     }
@@ -87,9 +69,6 @@ public:
             std::fputs(wrong.c_str(), stderr);
             _exit(wrong.empty() ? 0 : 1);
         }
-        for (const Child &child : running_)
-            finish(child);
-        running_.clear();
         return failures_.substr(0, 3000);
     }
 };

@@ -87,26 +87,6 @@ TEST(pools, are_laid_out_as_documented_and_answer_by_object_and_by_id)
     EXPECT_TRUE(memm_instanceof_no_ori(object, pool) == 1 && memm_instanceof_no_ori(object, pool - 1) == 0);
 }
 
-TEST(pools, are_locked_under_the_names_of_their_calls)
-{
-    const unsigned pool = make_pool("tags", 8);
-    recorder().take_tags();
-    void *object = memm_calloc(pool);
-    memm_free_nolock(memm_refalloc_nolock(memm_refalloc(object)));
-    memm_search(pool, 0, nullptr), memm_getfirst(pool), memm_getnext(object), memm_getindex(object);
-    EXPECT_EQ(memm_enum_objects(pool, nullptr, nullptr), 1) << "Deliberate: it counts";
-    memm_enum_objects_nolock(pool, nullptr, nullptr), memm_getobject_byindex(pool, 0), memm_isvalidobj(object);
-    memm_tag_objects("no such pool", nullptr), memm_isvalidobj_nolock(object);
-    memm_free(object), memm_ex_free(&object);
-    memm_free_nolock(memm_calloc_nolock(pool)), memm_free_nolock(memm_calloc_nolock_nogc(pool));
-    memm_initpool(nullptr, 0, 0, nullptr);
-    EXPECT_EQ(recorder().take_tags(),
-              (std::vector<std::string>{"memm_calloc", "memm_refalloc", "memm_search", "memm_getfirst", "memm_getnext",
-                                        "memm_getindex", "memm_enum_objects", "memm_tag_objects", "memm_free",
-                                        "memm_free", "memm_initpool"}));
-    recorder().take_trace();
-}
-
 TEST(pools, report_what_a_release_callback_should_not_do)
 {
     static bool releases_itself = true;
