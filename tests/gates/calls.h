@@ -255,7 +255,7 @@ template <class R, class... P, class F> Call call_of(const char *name, const cha
                   ? void(std::get<I>(arguments) = world.bad_ones<P>(parameters[I])[static_cast<std::size_t>(bad)])
                   : void()),
              ...);
-            if constexpr (std::is_pointer_v<R>) {
+            if constexpr (std::is_pointer_v<R> && !std::is_same_v<R, const char *>) {
                 const R is = run(std::get<I>(arguments)...);
                 using First = std::tuple_element_t<0, std::tuple<P..., int>>;
                 const bool is_refusal = is_object<std::remove_cv_t<std::remove_pointer_t<First>>> && parameter == 0 &&
