@@ -17,15 +17,13 @@ TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
     recorder().largest_block = 1 << 24;
     recorder().allow_reports();
     Children children;
-    std::atomic<int> &made = *static_cast<std::atomic<int> *>(
-        mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     for (const Call &call : calls()) {
         if (!children.fork(call.name))
             continue;
         static World world({});
         for (std::size_t i = 0; i < call.bad_ones.size(); ++i)
             for (std::size_t bad = 0, count = call.bad_ones[i](world); bad < count; ++bad)
-                for (int round = 0; round < rounds; ++round, ++made) {
+                for (int round = 0; round < rounds; ++round) {
                     call.operator_(world, static_cast<int>(i), static_cast<int>(bad));
                     world.sweep();
                     recorder().forget();
@@ -33,8 +31,7 @@ TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
         children.end();
     }
     EXPECT_EQ(children.end(), "");
-    std::printf("%d calls\n", made.load());
-    EXPECT_GE(made, 6000 * rounds);
+    EXPECT_GE(children.count, 150) << "functions";
 }
 
 int reports_left = 1 << 30;
@@ -58,28 +55,21 @@ void run_script(const Sizes &sizes)
     }
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kForkShare = 20;  // percent: forks are dear there
+#else
+constexpr int kForkShare = 100;
+#endif
+
 struct Way {
     Op op;
     int code;
-    const char *name;
 };
 constexpr Way kWays[] = {
-    {Op::alloc, 7, "xm_alloc"},
-    {Op::alloc, kNullBlock, "xm_alloc null"},
-    {Op::alloc, kMisaligned, "xm_alloc off"},
-    {Op::getmem, 7, "xm_getmem"},
-    {Op::getmem, kNullBlock, "xm_getmem null"},
-    {Op::retmem, 7, "xm_retmem"},
-    {Op::create, 7, "xmu_create"},
-    {Op::take, 7, "xmu_p"},
-    {Op::open, EACCES, "open"},
-    {Op::fstat, EIO, "fstat"},
-    {Op::ftruncate, EIO, "ftruncate"},
-    {Op::write, kShort, "write short"},
-    {Op::write, EINTR, "write EINTR"},
-    {Op::write, ENOSPC, "write ENOSPC"},
-    {Op::close, EIO, "close"},
-};
+    {Op::alloc, 7},           {Op::alloc, kNullBlock}, {Op::alloc, kMisaligned}, {Op::getmem, 7},
+    {Op::getmem, kNullBlock}, {Op::retmem, 7},         {Op::create, 7},          {Op::take, 7},
+    {Op::open, EACCES},       {Op::fstat, EIO},        {Op::ftruncate, EIO},     {Op::write, kShort},
+    {Op::write, EINTR},       {Op::write, ENOSPC},     {Op::close, EIO}};
 
 // The script's own process meets no fault: at every call that can fail it leaves children behind who meet one each.
 TEST(faults, at_every_call_of_the_platform_leave_pools_that_work)
@@ -87,12 +77,7 @@ TEST(faults, at_every_call_of_the_platform_leave_pools_that_work)
     const OwnFolder folder;
     folder.order("stats\nall\n");
     Children children;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    const int share = 20;  // percent: forks are dear there
-#else
-    const int share = 100;
-#endif
-    const int stride = std::max(1, 100 / std::max(1, scaled(share)));
+    const int stride = std::max(1, 100 / std::max(1, scaled(kForkShare)));
     int points = 0;
     const Way *met = nullptr;  // in a child
     bool always = false;
@@ -104,7 +89,8 @@ TEST(faults, at_every_call_of_the_platform_leave_pools_that_work)
             for (const bool for_ever : {false, true}) {
                 if (way.op != op || points++ % stride != 0)
                     continue;
-                if (children.fork(text("%s at %u%s", way.name, recorder().calls(op), for_ever ? " and later" : ""))) {
+                if (children.fork(text("fault point %d: operation %d, code %d, for ever %d", points,
+                                       static_cast<int>(op), way.code, for_ever))) {
                     met = &way;
                     reports_left = 4;  // they take the most of the time
                     always = for_ever;
@@ -127,8 +113,7 @@ TEST(depletion, of_any_pool_at_any_size_leaves_pools_that_work)
     for (int Sizes::*size : {&Sizes::table, &Sizes::controls, &Sizes::areas, &Sizes::objects, &Sizes::strings,
                              &Sizes::nodes, &Sizes::data})
         for (Sizes sizes; sizes.*size > 0 && !children.is_child(); --(sizes.*size))
-            if (children.fork(text("%d,%d,%d,%d,%d,%d,%d", sizes.table, sizes.controls, sizes.areas, sizes.objects,
-                                   sizes.strings, sizes.nodes, sizes.data)))
+            if (children.fork(text("at size %d", sizes.*size)))
                 run_script(sizes), children.end();
     EXPECT_EQ(children.end(), "");
     std::printf("%d sizes\n", children.count);

@@ -6,14 +6,9 @@
 #include <memmanager/platform.h>
 #include <memmanager/timestat.h>
 #include <algorithm>
-#include <cstring>
-#include <random>
-#include <thread>
 #include <type_traits>
 
 namespace {
-
-using Strings = std::vector<std::string>;
 
 // Slots of 16 bytes for both word sizes.
 unsigned make_small_pool(const char *name, int count, const memm_pooloptions &options = {})
@@ -30,29 +25,22 @@ template <class... Arguments> std::string printed(void (*report)(Arguments...), 
     return recorder().take_debug();
 }
 
-void add_outside_bytes(void *cookie, int *a, int *b, int *c, memm_printf_fn print)
-{
-    if (a != nullptr)
-        *a += 1000, *b += 2000, *c += 4000;
-    print("+%s", static_cast<const char *>(cookie));
-}
-
 memm_pooloptions with_outside_bytes()
 {
-    static char cookie[] = "cookie";
     memm_pooloptions options{};
-    options.stats_cb = add_outside_bytes;
-    options.cookie = cookie;
+    options.stats_cb = [](void *, int *a, int *b, int *c, memm_printf_fn print) {
+        if (a != nullptr)
+            *a += 1000, *b += 2000, *c += 4000;
+        print("+%s", "outside");
+    };
     return options;
 }
 
 TEST(statistics, rows_and_totals_to_the_last_character)
 {
     const unsigned plain = make_small_pool("r_plain", 10), full = make_small_pool("r_full", 2, with_outside_bytes()),
-                   based = make_small_pool("r_based", 20), wide = make_small_pool("wide", 10);
+                   based = make_small_pool("r_based", 20);
     make_small_pool("r_a name longer than any column", 1);
-    recorder().fail_nth(Op::alloc, 1);
-    EXPECT_EQ(memm_initpool("r_without slots", 1, 8, nullptr), -1);
     void *const shared = memm_calloc(plain), *const first = memm_calloc(full);
     memm_free(memm_calloc(plain));
     for (int i = 0; i < 3; ++i)
@@ -61,19 +49,17 @@ TEST(statistics, rows_and_totals_to_the_last_character)
     memm_calloc(full);
     EXPECT_EQ(memm_calloc(full), nullptr);
     memm_free(first);
-    int base = 10, negative = -1;
+    int base = 10;
     memm_get_currentcount_ptr(based, &base, nullptr);
     for (int i = 0; i < 12; ++i)
         memm_calloc(based);
     memm_free(memm_calloc(based));
-    memm_get_currentcount_ptr(wide, &negative, nullptr);
-    pool_at(wide).max_count_rel = 2000000000;  // products are cut to 32 bits
 
     const std::string expected = lines(R"(
  pool name                 count: cur,max,avail   bytes: cur,max,avail  (max.%)   ref cur,max,avail |
  ---------                 --------------------   -----------------------------   ----------------- |
  r_plain                        1,     2,    10       16,    32,   160  (  20%)       2,    3,    -  |
- r_full                         1,     2,     2       16,    32,    32  (>100%)       0,    0,    -  +cookie|
+ r_full                         1,     2,     2       16,    32,    32  (>100%)       0,    0,    -  +outside|
  r_based                        2,     3,    20       32,    48,   320  (  15%)       0,    0,    -  |
  r_a name longer than any column      0,     0,     1        0,     0,    16  (   0%)       0,    0,    -  |
  ----------------------                           ----------------------------  |
@@ -81,22 +67,9 @@ TEST(statistics, rows_and_totals_to_the_last_character)
 |
 )");
     EXPECT_EQ(printed(memm_print_stats, "r_"), expected);
-    EXPECT_EQ(recorder().take_tags(), Strings{"memm_print_stats"});
     memm_print_stats2("r_", trc_def_printf);
     EXPECT_EQ(recorder().take_trace(), expected);
-    EXPECT_EQ(recorder().take_tags(), Strings{"memm_print_stats"});
-    EXPECT_EQ(printed(memm_print_stats, "no such pool") + printed(memm_print_objects, "no such pool"), "\r\n\r\n");
-    EXPECT_NE(printed(memm_print_objects, "").find(" - '(null)'\r\n\r\n"), std::string::npos)
-        << "a descriptor without slots";
-    const memm_pool &table = pool_at(0);
-    const int count = table.cur_count, size = static_cast<int>(table.slot_size), used = count * size, all = 40 * size;
-    const std::string report = printed(memm_print_stats, nullptr);
-    for (const std::string &row :
-         {text(" memm_pooldesc             %6d,%6d,    40   %6d,%6d,%6d  ( %3d%%)     obj:    3,  255  \r\n", count,
-               count, used, used, all, count * 100 / 40),
-          std::string(" wide                           1,2000000000,    10       16,1935228928,   160  ( -1474836480%) "
-                      "      0,    0,    -  \r\n")})
-        EXPECT_NE(report.find("\n" + row), std::string::npos) << report;
+    EXPECT_EQ(recorder().take_tags(), (std::vector<std::string>{"memm_print_stats", "memm_print_stats"}));
 }
 
 TEST(object_listing, shows_what_level_and_filter_let_through)
@@ -108,7 +81,6 @@ TEST(object_listing, shows_what_level_and_filter_let_through)
     };
     const unsigned pool = make_small_pool("l_pool", 8, options);
     make_small_pool("l_a name of twenty-seven ch", 1);
-    make_small_pool("l_a name of twenty-five c", 1);
     int *objects[4];
     std::string names[4];
     for (int i = 0; i < 4; ++i) {
@@ -123,26 +95,19 @@ TEST(object_listing, shows_what_level_and_filter_let_through)
 
     const std::string even = " " + names[0] + " = 0\r\n", odd = " " + names[3] + " = 3\r\n";
     const std::string tagged = " " + names[2] + ".[3 refs].[tagged] = 2\r\n";
-    for (const auto &[level, listed] : {std::pair{0, even}, {4, even + odd}, {2, tagged}, {6, tagged}}) {
+    for (const auto &[level, listed] : {std::pair{0, even}, {4, even + odd}, {2, tagged}, {6, tagged}})
         EXPECT_EQ(printed(memm_print_objects2, "l_", level),
-                  "l_pool....................usage cur/max/avail (max.%): 3/4/8 (50%)+cookie\r\n" + listed + lines(R"(
+                  "l_pool....................usage cur/max/avail (max.%): 3/4/8 (50%)+outside\r\n" + listed + lines(R"(
 |
 l_a name of twenty-seven chusage cur/max/avail (max.%): 0/0/1 (0%)|
 |
-l_a name of twenty-five c.usage cur/max/avail (max.%): 0/0/1 (0%)|
-|
 |
 )"));
-        EXPECT_EQ(recorder().take_tags(), Strings{"memm_print_objects"});
-    }
     pool_at(pool).cur_count = 7;
     EXPECT_EQ(printed(memm_print_objects, "l_pool"),
-              "l_pool....................usage cur/max/avail (max.%): 7/4/8 (50%)+cookie\r\n" + even +
+              "l_pool....................usage cur/max/avail (max.%): 7/4/8 (50%)+outside\r\n" + even +
                   "\r\n[MEMM] ERROR: actual object count (3) differs from pool count (7)\r\n\r\n");
-    memm_refalloc(objects[3]);
-    EXPECT_EQ(printed(memm_printobject, objects[3], 0), names[3] + ".[2 refs]");
-    EXPECT_EQ(recorder().take_tags(), Strings{"memm_printobject"});
-    EXPECT_EQ(printed(memm_printobject, objects[3], 1), names[3] + ".[2 refs] = 3");
+    EXPECT_EQ(printed(memm_printobject, objects[3], 0), names[3]);
     EXPECT_EQ(printed(memm_printobject, nullptr, 1), "0x0: null");
     for (void *const bad : {reinterpret_cast<void *>(5), static_cast<void *>(objects[1])})
         EXPECT_EQ(printed(memm_printobject, bad, 1), text("?.?.?.0x%08lx: invalid object", address(bad)));
@@ -160,95 +125,52 @@ TEST(integrity, findings_are_traced_slot_by_slot_and_change_nothing)
     };
     header_of(objects[0]) |= 0x81800000;  // references and the tag are not part of a pool's id
     EXPECT_EQ(traced(), "");
-    const std::string above = "[MEMM] pool 'i_pool' has item in use > ppool>last_use\r\n",
-                      below = "[MEMM] pool 'i_pool' has free item < ppool->first_free\r\n",
-                      beyond = "[MEMM] pool 'i_pool' has last_used > last_item\r\n";
+    const std::string below = "[MEMM] pool 'i_pool' has free item < ppool->first_free\r\n";
     pool.last_used = pool.slots;
-    EXPECT_EQ(traced(), above + above);
+    EXPECT_EQ(traced().find("[MEMM] pool 'i_pool' has item in use > ppool>last_use\r\n"), 0U);
     pool.last_used = pool.slots + 2 * pool.slot_size;
     pool.first_free = pool.last_item + pool.slot_size;
     EXPECT_EQ(traced(), below + below);
-    pool.first_free = pool.slots;
-    pool.last_used = pool.last_item + 1;
-    EXPECT_EQ(traced(), beyond + beyond + beyond + beyond + beyond);
     EXPECT_EQ(traced(1), "");
-    // The first wrong header ends the check; the slot's own other findings are not traced.
     header_of(objects[1]) ^= 1;
     const std::string wrong = text("[MEMM] integrity check failed: invalid poolid: %u.i_pool.1.0x%08lx\r\n", id,
                                    address(&header_of(objects[1])));
-    EXPECT_EQ(traced() + traced(1) + traced(0), beyond + wrong + wrong);
+    EXPECT_EQ(traced(1) + traced(0), wrong);
 }
 
 TEST(timing_report, shows_the_counters_by_path)
 {
     const unsigned busy = make_pool("t_busy", 4, 8, with_outside_bytes());
     make_pool("t_idle", 4);
-    memm_calloc(make_pool("t_quiet", 4));
     memm_pool &pool = pool_at(busy);
     const unsigned paths[] = {8, 5, 1, 50000004, 1};  // times 100 is more than 32 bits hold
     std::copy(std::begin(paths), std::end(paths), pool.alloc_count);
-    pool.alloc_time[MEMM_PATH_TOTAL] = 4294967295U;
-    pool.alloc_time_max[MEMM_PATH_TOTAL] = 1001;
-    pool.free_count = 3;
-    pool.free_time = 9;
-    pool.scan_steps = 100000009;
+    pool.alloc_time[MEMM_PATH_TOTAL] = 4294967295U, pool.alloc_time_max[MEMM_PATH_TOTAL] = 1001;
+    pool.free_count = 3, pool.free_time = 9, pool.scan_steps = 100000009;
     recorder().set_clock(0, 0, 1);
-    const char *const allocations = R"(
+    EXPECT_EQ(printed(memm_print_timestats, "t_"), lines(R"(
  pool name                  alloc cnt: total/avg/max (msec)     |
  ---------                  ------------------------------      |
-)",
-                      *const releases = R"(
-|
- pool name                  free cnt: total/avg/max (msec)      |
- ---------                  ------------------------------      |
-)";
-    EXPECT_EQ(printed(memm_print_timestats, "t_"), lines(allocations) + lines(R"(
  t_busy                     8: 4294967.295/536870.911/1.001|
     - first_free            62%: 0.000/0.000/0.000|
     - last_used             12%: 0.000/0.000/0.000|
     - scan                  625000050%: 0.000/0.000/0.000 (avg steps=2)|
     - other                 12%: 0.000/0.000/0.000|
- t_quiet                    1: 0.000/0.000/0.000|
-    - first_free            100%: 0.000/0.000/0.000|
-)") + lines(releases) + lines(R"(
+|
+ pool name                  free cnt: total/avg/max (msec)      |
+ ---------                  ------------------------------      |
  t_busy                     3: 0.009/0.003/0.000|
-+cookieTime for 1000 elapsed measurements: 2.001 msec|
++outsideTime for 1000 elapsed measurements: 2.001 msec|
 )"));
-    EXPECT_EQ(recorder().take_tags(), Strings{"memm_print_timestats"});
-    memm_clear_timestats();
-    EXPECT_EQ(recorder().take_tags(), Strings{});
-    EXPECT_EQ(pool.scan_steps + pool.free_time + pool.alloc_time[0] + pool.alloc_time_max[0], 0U);
-    EXPECT_EQ(printed(memm_print_timestats, nullptr),
-              lines(allocations) + lines(releases) + "Time for 1000 elapsed measurements: 2.001 msec\r\n");
-    memm_set_trace(-1);  // is not asked
-    const struct {
-        timestat watch;
-        unsigned elapsed;
-        const char *trace;
-    } cases[] = {
-        {{10, 999999, 11, 1}, 2, ""},
-        {{10, 5, 10, 5}, 0, ""},
-        {{0, 0, 4295, 0}, 32704, ""},
-        {{10, 5, 10, 4}, 0, "[MEMM] Elapsed time error: starttime(10,5) > stoptime(10,4)\r\n"},
-        {{~0U, 0, 1, 999999}, 0, "[MEMM] Elapsed time error: starttime(4294967295,0) > stoptime(1,999999)\r\n"}};
-    for (const auto &[watch, elapsed, trace] : cases) {
-        timestat read{};
-        recorder().set_clock(watch.start_seconds, watch.start_microseconds);
-        EXPECT_EQ(timestat_starttime(&read), 0);
-        recorder().set_clock(watch.stop_seconds, watch.stop_microseconds);
-        EXPECT_EQ(timestat_stoptime(&read), 0);
-        EXPECT_EQ(timestat_elapstime(&read), elapsed);
-        EXPECT_EQ(recorder().take_trace(), trace);
-    }
-    EXPECT_TRUE(timestat_starttime(nullptr) == MEMM_E_INVALID && timestat_stoptime(nullptr) == MEMM_E_INVALID &&
-                timestat_elapstime(nullptr) == 0);
+    timestat watch{};
+    recorder().set_clock(10, 999999, 3);
+    EXPECT_TRUE(timestat_starttime(&watch) == 0 && timestat_stoptime(&watch) == 0 && timestat_elapstime(&watch) == 3);
+    recorder().set_clock(10, 999998);
+    EXPECT_TRUE(timestat_stoptime(&watch) == 0 && timestat_elapstime(&watch) == 0);
+    EXPECT_EQ(recorder().take_trace(), "[MEMM] Elapsed time error: starttime(10,999999) > stoptime(10,999998)\r\n");
 }
 
 // --- locks ---
-
-constexpr const char *kHeader =
-    " name          depth  active lock count wait count total (msec)   avg (msec)   max (msec) \r\n"
-    " ----          -----  ------ ---------- ---------- ------------   ----------   ---------- \r\n";
 
 struct Registered : LOCK {
     explicit Registered(const char *its_name) : LOCK{} { EXPECT_EQ(lock_initlock(this, its_name), 0); }
@@ -263,154 +185,62 @@ std::string state(const LOCK &lock)
 TEST(locks, count_holds_and_wait_as_long_as_it_takes)
 {
     Registered lock("busy");
-    for (int depth = 1; depth <= 2; ++depth)
-        EXPECT_EQ(lock_lock(&lock, 99, "tag"), depth);
-    EXPECT_EQ(state(lock), "---- -1, depth 2, 2 takes, 0 waits of 0 us, at most 0");
-    lock.owner = 7;
-    for (int depth = 1; depth >= 0; --depth) {
-        EXPECT_EQ(lock_unlock(&lock), 0);
-        EXPECT_TRUE(lock.depth == depth && lock.owner == (depth > 0 ? 7 : -1));
-    }
+    EXPECT_TRUE(lock_lock(&lock, 99, "tag") == 1 && lock_lock(&lock, 99, "tag") == 2);
+    EXPECT_TRUE(lock_unlock(&lock) == 0 && lock.depth == 1 && lock_unlock(&lock) == 0);
     EXPECT_NE(lock_unlock(&lock), 0) << "the platform's answer";
-    EXPECT_EQ(lock.depth, -1);
-    EXPECT_EQ(recorder().take_mutex_calls(), (Strings{"create(busy,1)", "p(1,0)", "p(1,0)", "v", "v", "v"}));
-    EXPECT_TRUE(lock_initlock(nullptr, "x") == MEMM_E_INVALID && lock_lock(nullptr, 0, "x") == -1 &&
-                lock_unlock(nullptr) == 0);
-    lock_print_stats(nullptr, 1);
 
-    // Timed out twice, then taken after 1500 us; then after 700 us; then an error, traced as the switches say.
+    // Timed out twice, then taken; once, then taken; then an error, traced as the switches say.
     lock.depth = 0;
-    const std::string timed_out = "[busy] --- Task[TEST](waiter) --- Lock timeout. Active Task[----]. Retrying...\r\n",
-                      unnamed = "[busy] --- Task[TEST](-unknown-) --- Lock timeout. Active Task[----]. Retrying...\r\n";
+    const std::string timed_out = "[busy] --- Task[TEST](waiter) --- Lock timeout. Active Task[----]. Retrying...\r\n";
     const struct {
-        std::vector<unsigned> answers;
-        unsigned microseconds;
-        const char *tag, *filter;
-        int level, printed, result;
+        std::vector<int> answers;
+        const char *filter;
+        int result;
         std::string traced;
-    } attempts[] = {{{6, 6, 6, 0}, 1500, "waiter", "", 2, 0, 1, timed_out + timed_out},
-                    {{6, 6, 0}, 700, nullptr, "BUS", 2, 0, 2, unnamed},
-                    {{6, 6, 77}, 1, "waiter", "", 1, 0, 0, "mutex lock error (busy)"},
-                    {{6, 77}, 1, "waiter", "", 1, -5, -5, "mutex lock error (busy)"},
-                    {{6, 6, 77}, 1, "waiter", "other", 2, -5, 0, ""},
-                    {{6, 77}, 1, "waiter", "", 0, -5, 0, ""}};
+    } attempts[] = {{{6, 6, 6, 0}, "BUS", 1, timed_out + timed_out},
+                    {{6, 6, 0}, "other", 2, ""},
+                    {{6, 77}, "", 0, "mutex lock error (busy)"}};
+    recorder().set_clock(100, 999999, 1500);  // two readings a wait
     for (const auto &attempt : attempts) {
-        recorder().script_xmu_p(attempt.answers);
-        recorder().set_clock(100, 999999, attempt.microseconds);  // the two readings are one step apart
-        recorder().print_result = attempt.printed;
-        lock_settrace(attempt.filter, attempt.level);
-        recorder().take_mutex_calls();
-        EXPECT_EQ(lock_lock(&lock, 0, attempt.tag), attempt.result);
+        fault = [&, next = std::size_t{0}](Op op) mutable { return op == Op::take ? attempt.answers.at(next++) : 0; };
+        lock_settrace(attempt.filter, 2);
+        EXPECT_EQ(lock_lock(&lock, 0, "waiter"), attempt.result);
         EXPECT_EQ(recorder().take_trace(), attempt.traced);
-        const Strings calls = recorder().take_mutex_calls();
-        EXPECT_TRUE(calls[0] == "p(1,0)" && calls[1] == "p(0,10000)" && calls.back() == "p(0,10000)");
     }
-    EXPECT_EQ(state(lock), "---- -1, depth 2, 4 takes, 2 waits of 2200 us, at most 1500");
-    recorder().print_result = 0;
+    EXPECT_EQ(state(lock), "---- -1, depth 2, 4 takes, 2 waits of 3000 us, at most 1500");
     recorder().fail_nth(Op::create, 1, 77);
     EXPECT_EQ(lock_initlock(&lock, nullptr), 77);
 }
 
-TEST(locks, table_shows_the_first_50_records_in_both_forms)
+TEST(locks, table_shows_and_clears_the_records)
 {
-    lock_print_allstats();
-    EXPECT_EQ(recorder().take_debug(), "\r\n");
     Registered idle("idle"), held("a name of more than thirteen"), unnamed(nullptr);
     lock_lock(&held, 0, "x");
-    held.total_wait = held.max_wait = 1500;
-    held.wait_count = 1;
-    unnamed.wait_count = 3000000000U;
+    held.total_wait = held.max_wait = 1500, held.wait_count = 1;
+    unnamed.wait_count = 3000000000U, unnamed.max_wait = 4294966000U;
     unnamed.lock_count = unnamed.total_wait = 4294967295U;
-    unnamed.max_wait = 4294966000U;
     lock_print_allstats();
-    EXPECT_EQ(recorder().take_debug(), kHeader + lines(R"(
+    EXPECT_EQ(recorder().take_debug(), lines(R"(
+ name          depth  active lock count wait count total (msec)   avg (msec)   max (msec) |
+ ----          -----  ------ ---------- ---------- ------------   ----------   ---------- |
  idle              0                  0          0            -            -            -|
  a name of more than thirteen     1    ----          1          1        1.500        1.500        1.500 |
  -unknown-         0         4294967295 3000000000  4294967.500        0.001  4294966.000 |
 |
 )"));
-    static LOCK others[48];
-    std::memset(others, 0xa5, sizeof others);
-    for (LOCK &lock : others)
-        EXPECT_TRUE(lock_initlock(&lock, nullptr) == 0 && lock_lock(&lock, 0, nullptr) == 1);
-    lock_print_allstats();
-    const std::string table = recorder().take_debug();
-    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 2 + 50 + 1);
     lock_clear_allstats();
-    EXPECT_EQ(others[46].lock_count, 0U);
-    EXPECT_EQ(others[47].lock_count, 1U) << "the 51st works without being listed";
     EXPECT_EQ(state(held), "---- -1, depth 1, 0 takes, 0 waits of 0 us, at most 0");
-    // The C library prints what a plain float calculation gives; halves of a thousandth come from counters below 2^23.
-    std::mt19937 random(4);
-    const auto any_size = [&random] { return static_cast<unsigned>(random() >> random() % 32); };
-    for (int round = 0; round < scaled(20000) && !HasFatalFailure(); ++round) {
-        idle.max_wait = any_size();
-        idle.wait_count = round % 4 == 0 ? 1U << random() % 12 : any_size() | 1;
-        idle.total_wait = round % 4 == 0 ? 125U * static_cast<unsigned>(random() % 4096) : any_size();
-        const volatile float total_us = static_cast<float>(idle.total_wait), max_us = static_cast<float>(idle.max_wait);
-        const volatile float total = total_us / 1000.0F, waits = static_cast<float>(idle.wait_count);
-        const volatile float average = total / waits, longest = max_us / 1000.0F;
-        lock_print_stats(&idle, 0);
-        ASSERT_EQ(recorder().take_debug(),
-                  text(" %-13s %5d %7s %10u %10u %12.3f %12.3f %12.3f \r\n", "idle", 0, "", 0U, idle.wait_count,
-                       static_cast<double>(total), static_cast<double>(average), static_cast<double>(longest)));
-    }
-}
-
-TEST(locks, count_exactly_while_others_read_the_table_and_set_the_filter)
-{
-    Registered lock("shared");
-    const int rounds = scaled(4000);
-    std::vector<std::thread> takers;
-    for (int i = 0; i < 4; ++i)
-        takers.emplace_back([&] {
-            for (int round = 0; round < rounds; ++round) {
-                EXPECT_TRUE(lock_lock(&lock, 0, "taker") == 1 && lock_lock(&lock, 0, "taker") == 2);
-                lock_unlock(&lock), lock_unlock(&lock);
-            }
-        });
-    for (int i = 0; i < 100; ++i) {
-        lock_print_allstats();
-        lock_settrace(i % 2 == 0 ? "shared" : "", i % 3);
-        EXPECT_GE(lock_gettrace("shared", 0), 1);
-    }
-    for (std::thread &taker : takers)
-        taker.join();
-    EXPECT_TRUE(lock.lock_count == 8U * static_cast<unsigned>(rounds) && lock.depth == 0 &&
-                lock.total_wait >= lock.max_wait);
 }
 
 TEST(trace_switches, select_by_level_and_by_the_locks_name)
 {
-    EXPECT_EQ(lock_gettracelevel(), 2);
-    const char *const cases[][4] = {{"mem", "mem", "MEMM", "me"},
-                                    {"-UNK", "-UNK", nullptr, "x"},
-                                    {"0123456789012345678901234", "0123456789012345678", "01234567890123456789", "01"}};
-    for (const int level : {2, 7, -2, 0})
-        for (const auto &[filter, shown, let_pass, kept_out] : cases) {
-            lock_settrace(filter, level);
-            EXPECT_STREQ(lock_getapplfilter(), shown);
-            EXPECT_TRUE(lock_gettrace("", -9) == level && lock_gettracelevel() == level);
-            for (const int asked : {0, 1, 2, 3, 7, 8})
-                EXPECT_TRUE(lock_gettrace(let_pass, asked) == (level >= asked) && lock_gettrace(kept_out, asked) == 0)
-                    << level;
-        }
-    lock_settrace(nullptr, 1);
-    EXPECT_EQ(lock_gettrace("any", 1) & lock_gettrace(nullptr, 1), 1);
-    EXPECT_EQ(memm_get_trace(-1), 2);
-    for (const auto &[set, stored] : {std::pair{7, 2}, {2, 2}, {1, 1}, {0, 0}, {-5, -5}}) {
+    lock_settrace("mem", 2);
+    for (const int asked : {0, 2, 3})
+        EXPECT_TRUE(lock_gettrace("MEMM", asked) == (asked <= 2) && lock_gettrace("me", asked) == 0);
+    for (const auto &[set, stored] : {std::pair{7, 2}, {1, 1}, {-5, -5}}) {
         memm_set_trace(set);
-        EXPECT_EQ(memm_get_trace(-1), stored);
-        for (const int asked : {-5, 1, 2})
-            EXPECT_EQ(memm_get_trace(asked), stored >= asked);
+        EXPECT_TRUE(memm_get_trace(-1) == stored && memm_get_trace(2) == (stored >= 2));
     }
-    memm_set_fast_trelk_locking();
-    for (const char *tag : {"mine", static_cast<const char *>(nullptr)}) {
-        memm_lock(tag), memm_lock("nested");
-        EXPECT_EQ(recorder().manager_lock_depth(), 2U);
-        memm_unlock(), memm_unlock();
-    }
-    EXPECT_EQ(recorder().take_tags(), (Strings{"mine", "-unknown-"}));
 }
 
 }  // namespace

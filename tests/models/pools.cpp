@@ -45,7 +45,6 @@ struct Model {
     int slots() const { return static_cast<int>(headers.size()); }
     unsigned &header(int slot) { return headers[static_cast<std::size_t>(slot)]; }
     bool is_free(int slot) { return header(slot) == kFree; }
-    bool is_shared(int slot) { return !is_free(slot) && header(slot) >= kReference; }
 
     int used_from(int slot)
     {
@@ -194,7 +193,7 @@ class Trial {
         ++operations;
         if (releasing_.contains(slot))
             return;
-        const bool was_free = model_.is_free(slot), was_shared = model_.is_shared(slot);
+        const bool was_free = model_.is_free(slot), was_shared = !was_free && model_.header(slot) >= kReference;
         if (was_free)
             expected_trace += text("[MEMM] memm_free: Attempt to release invalid pointer: 0x%08lx (poolid = %d)\r\n",
                                    address(slot), 0x7fffff);
@@ -260,17 +259,14 @@ class Trial {
 
     void look_up(int slot)
     {
-        const auto at = [this](int place) { return place < 0 ? nullptr : object(place); };
         const auto matches = [](void *met, int wanted) { return memm_getindex(met) == wanted ? 1 : 0; };
         void *const it = object(slot), *const used = model_.is_free(slot) ? nullptr : it;
         difference.same(memm_getobject_byindex(id_, slot), used, "by index");
         difference.same(memm_isvalidobj(it) + memm_isvalidobj_nolock(it), used ? 2 : 0, "validity");
-        difference.same(memm_getnext(it), used ? at(model_.used_from(slot + 1)) : nullptr, "next");
+        difference.same(slot_of(memm_getnext(it)), used ? model_.used_from(slot + 1) : -1, "next");
         difference.same(memm_getindex(it), used ? slot : 0, "index");
         difference.same(memm_search(id_, slot, matches), used, "search");
-        difference.same(memm_getfirst(id_), at(model_.used_from(0)), "first");
-        difference.same(memm_getobject_byindex(id_, slot == 0 ? -1 : model_.slots()), static_cast<void *>(nullptr),
-                        "beyond");
+        difference.same(slot_of(memm_getfirst(id_)), model_.used_from(0), "first");
     }
 
 public:
@@ -321,8 +317,7 @@ public:
         else if (choice == 26)
             spare_flag_ = model_.spare_flag = 0;
         else if (choice == 27 && depth_ == 0)
-            for (int count = static_cast<int>(stream_->below(256)) * model_.slots() / 400; count >= 0 && take();
-                 --count)
+            for (int count = static_cast<int>(stream_->next()) * model_.slots() / 400; count >= 0 && take(); --count)
                 ;
         else if (choice == 28 && depth_ == 0)
             for (int slot = any_slot(); slot >= 0 && !stream_->is_empty() && !stream_->one_in(40); --slot)

@@ -35,8 +35,7 @@ struct RealPath {
 int fault_on(bool own, Op op)
 {
     const int code = own ? fault_of(op) : 0;
-    if (code > 0)
-        errno = code;
+    errno = code > 0 ? code : errno;
     return code;
 }
 

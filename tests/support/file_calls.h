@@ -16,8 +16,8 @@ public:
     OwnFolder &operator=(const OwnFolder &) = delete;
 
     std::string path(const std::string &name) const;  // where the library's file of this name really is
-    std::string usage_path(int pid = getpid()) const { return path("/var/tmp/memm_" + std::to_string(pid)); }
-    std::string contents_path(int pid = getpid()) const { return path("/tmp/memm_dump_" + std::to_string(pid)); }
+    std::string usage_path() const { return path("/var/tmp/memm_" + std::to_string(getpid())); }
+    std::string contents_path() const { return path("/tmp/memm_dump_" + std::to_string(getpid())); }
     void order(const std::string &lines) const;  // writes /etc/config/memm_dump_pools
 };
 

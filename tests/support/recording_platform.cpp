@@ -16,7 +16,6 @@ namespace {
 
 // What the library does not clear itself must not look as if it had.
 constexpr int kDirt = 0xa5;
-constexpr std::size_t kMaxTags = 10000;
 
 memm::FutexLock manager_lock;
 thread_local unsigned own_depth = 0;
@@ -34,10 +33,7 @@ std::string format_text(const char *format, va_list arguments)
 memm::FutexLock mutexes[2000];
 std::atomic<unsigned> mutex_count{1};
 
-memm::FutexLock *find_mutex(unsigned handle)
-{
-    return handle == 0 || handle >= mutex_count ? nullptr : &mutexes[handle];
-}
+memm::FutexLock &mutex_of(unsigned handle) { return mutexes[handle % std::size(mutexes)]; }
 
 void append(std::string &channel, const std::string &more)
 {
@@ -48,7 +44,7 @@ void append(std::string &channel, const std::string &more)
 int capture_debug(const char *format, va_list arguments)
 {
     append(recorder().debug_, format_text(format, arguments));
-    return recorder().print_result;
+    return 0;
 }
 
 // Counts a call and asks what it is to do.
@@ -61,9 +57,9 @@ int fault_of_next(Op op)
 // A block has exactly the size, for the address sanitizer.
 unsigned get_block(Op op, unsigned size, void **block)
 {
-    const int code = fault_of_next(op);
-    if (code > 0 || size > recorder().largest_block)
-        return code > 0 ? static_cast<unsigned>(code) : 12;
+    const int code = size > recorder().largest_block ? 12 : fault_of_next(op);
+    if (code > 0)
+        return static_cast<unsigned>(code);
     const std::lock_guard guard(recorder().mutex_);
     *block = nullptr;
     if (code == kNullBlock)
@@ -121,28 +117,15 @@ std::string text(const char *format, ...)
 void Recorder::forget()
 {
     take_debug(), take_trace(), take_errors();
-    take_tags(), take_allocations(), take_mutex_calls();
+    take_tags(), take_allocations();
 }
 
-void Recorder::fail_nth(Op op, unsigned n, unsigned code, Fault how, unsigned repeated)
+void Recorder::fail_nth(Op op, unsigned n, unsigned code, Fault, unsigned repeated)
 {
-    const int answer = how == Fault::refused ? static_cast<int>(code) : static_cast<int>(how);
     fault = [=, number = 0U](Op asked) mutable {
         number += asked == op ? 1 : 0;
-        return n != 0 && asked == op && number >= n && number < n + repeated ? answer : 0;
+        return n != 0 && asked == op && number >= n && number < n + repeated ? static_cast<int>(code) : 0;
     };
-}
-
-unsigned Recorder::outside_blocks() const
-{
-    const std::lock_guard guard(mutex_);
-    return static_cast<unsigned>(outside_.size());
-}
-
-void Recorder::script_xmu_p(std::vector<unsigned> results)
-{
-    const std::lock_guard guard(mutex_);
-    xmu_p_results_.assign(results.begin(), results.end());
 }
 
 void Recorder::set_clock(unsigned seconds, unsigned microseconds, unsigned step_us)
@@ -177,41 +160,21 @@ unsigned xm_retmem(void *block)
     return static_cast<unsigned>(code);
 }
 
-unsigned xmu_create(const char *name, int option, unsigned *handle)
+unsigned xmu_create(const char *, int, unsigned *handle)
 {
-    const int code = fault_of_next(Op::create);
-    const std::lock_guard guard(recorder().mutex_);
-    recorder().mutex_calls_.push_back(text("create(%s,%d)", name, option));
-    if (code != 0)
-        return static_cast<unsigned>(code);
     *handle = mutex_count++;
-    return 0;
+    return static_cast<unsigned>(fault_of_next(Op::create));
 }
 
 unsigned xmu_p(unsigned handle, int mode, int timeout)
 {
     if (const int code = fault_of_next(Op::take); code != 0)
         return static_cast<unsigned>(code);
-    std::unique_lock guard(recorder().mutex_);
-    recorder().mutex_calls_.push_back(text("p(%d,%d)", mode, timeout));
-    if (auto &results = recorder().xmu_p_results_; !results.empty()) {
-        const unsigned result = results.front();
-        results.pop_front();
-        if (result != 0)
-            return result;
-    }
-    memm::FutexLock *const lock = find_mutex(handle);
-    guard.unlock();
-    return lock == nullptr ? 22 : (mode == 1 ? lock->try_take() : lock->take_for(timeout)) ? 0 : 6;
+    memm::FutexLock &lock = mutex_of(handle);
+    return (mode == 1 ? lock.try_take() : lock.take_for(timeout)) ? 0 : 6;
 }
 
-unsigned xmu_v(unsigned handle)
-{
-    const std::lock_guard guard(recorder().mutex_);
-    recorder().mutex_calls_.emplace_back("v");
-    memm::FutexLock *const lock = find_mutex(handle);
-    return lock == nullptr ? 22 : lock->release() ? 0 : 1;
-}
+unsigned xmu_v(unsigned handle) { return mutex_of(handle).release() ? 0 : 1; }
 
 void P(const char *tag)
 {
@@ -219,20 +182,16 @@ void P(const char *tag)
     ++recorder().depth_;
     if (own_depth++ == 0) {
         const std::lock_guard guard(recorder().mutex_);
-        if (recorder().tags_.size() < kMaxTags)
-            recorder().tags_.emplace_back(tag);
+        recorder().tags_.emplace_back(tag);
     }
 }
 
 void V(void)
 {
-    if (!manager_lock.is_mine()) {
+    if (!manager_lock.is_mine())
         recorder().stray_release_ = true;
-        return;
-    }
-    --own_depth;
-    --recorder().depth_;
-    manager_lock.release();
+    else
+        --own_depth, --recorder().depth_, manager_lock.release();
 }
 
 unsigned vemo_t_ident(int, int, int *id)
@@ -268,19 +227,15 @@ int dbg_printf(const char *format, ...)
 
 int trc_def_printf(const char *format, ...)
 {
-    if (recorder().on_report)
-        recorder().on_report();
     va_list arguments;
     va_start(arguments, format);
     append(recorder().trace_, format_text(format, arguments));
     va_end(arguments);
-    return recorder().print_result;
+    return 0;
 }
 
 int err_printf(unsigned code, int severity, const char *module, const char *file, int line, const char *message)
 {
-    if (recorder().on_report)
-        recorder().on_report();
     append(recorder().errors_,
            text("0x%05x %d %s %s%s: %s\n", code, severity, module, file, line > 0 ? "" : " (no line)", message));
     return 0;

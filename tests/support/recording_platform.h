@@ -4,7 +4,6 @@
 #include "support/rounds.h"
 
 #include <atomic>
-#include <deque>
 #include <mutex>
 #include <set>
 #include <string>
@@ -16,7 +15,7 @@
 //
 // A listener looks at every test's end: P and V balanced, dbg_vprintf_cb as it was, and no trace or error left that the
 // test has not taken. The dump files of the process are removed then.
-enum class Fault { refused = 0, null_block = kNullBlock, misaligned = kMisaligned };
+enum class Fault { refused };
 
 class Recorder {
 public:
@@ -31,10 +30,9 @@ public:
     std::string take_debug() { return take(debug_); }
     std::string take_trace() { return take(trace_); }
     std::string take_errors() { return take(errors_); }           // "0x10002 2 memm memmanager: message\n" each
-    std::vector<std::string> take_tags() { return take(tags_); }  // of the outermost P calls; the first 10000
-    std::vector<Allocation> take_allocations() { return take(allocations_); }   // all xm_alloc calls
-    std::vector<std::string> take_mutex_calls() { return take(mutex_calls_); }  // "create(name,1)" "p(1,0)" "v"
-    void forget();                                                              // all of the above
+    std::vector<std::string> take_tags() { return take(tags_); }  // of the outermost P calls
+    std::vector<Allocation> take_allocations() { return take(allocations_); }  // all xm_alloc calls
+    void forget();                                                             // all of the above
 
     void allow_reports() { reports_allowed_ = true; }  // traces and errors need not be taken in this test
 
@@ -43,28 +41,22 @@ public:
     static void fail_nth(Op op, unsigned n, unsigned code = 7, Fault how = Fault::refused, unsigned repeated = 1);
     static void fail_never() { fault = nullptr; }
     unsigned calls(Op op) { return calls_[static_cast<std::size_t>(op)]; }  // all in this process
-    unsigned outside_blocks() const;                                        // from xm_getmem and not given back
+    std::size_t outside_blocks() const { return outside_.size(); }          // from xm_getmem and not given back
     unsigned largest_block = ~0U;                                           // more is refused
-
-    // --- xmu_p: the next calls answer these; one that answers 0 takes the mutex first, others do not touch it ---
-    void script_xmu_p(std::vector<unsigned> results);
 
     // --- clock: each reading is this much later than the one before; it starts at 1000 s with 1 us ---
     void set_clock(unsigned seconds, unsigned microseconds, unsigned step_us = 0);
 
-    std::function<void()> on_report;                        // called by err_printf and trc_def_printf first
-    std::atomic<int> print_result{0};                       // what dbg_printf and trc_def_printf answer
     unsigned manager_lock_depth() const { return depth_; }  // holds by all tasks
 
     // --- what the operations note; guarded by the mutex ---
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::string debug_, trace_, errors_;
-    std::vector<std::string> tags_, mutex_calls_;
+    std::vector<std::string> tags_;
     std::vector<Allocation> allocations_;
     std::vector<void *> blocks_;  // of xm_alloc, for ever
     std::set<void *> outside_;
     std::atomic<unsigned> calls_[16]{};
-    std::deque<unsigned> xmu_p_results_;
     unsigned long long now_us_ = 1000000000, step_us_ = 1;
     std::atomic<unsigned> depth_{0};
     std::atomic<bool> stray_release_{false};

@@ -16,11 +16,3 @@ inline bool is_full_run()
     return is_set;
 }
 inline int scaled(int rounds, int full) { return is_full_run() ? full : scaled(rounds); }
-
-// Passes a little time without the kernel.
-inline void spin(unsigned turns)
-{
-    for (volatile unsigned left = turns; left > 0;) {
-        left = left - 1;
-    }
-}
