@@ -42,6 +42,24 @@ TEST(sorting, gives_the_order_of_the_written_insertion)
     }
 }
 
+TEST(sorting, loses_no_node_by_a_comparison_that_contradicts_itself)
+{
+    make_pool("objects", 1);
+    const int nodes = llist_initpool("nodes", 700, sizeof(llist), nullptr);
+    std::vector<char> items(700);
+    llist *list = nullptr;
+    for (char &item : items)
+        llist_pushobject(&list, &item, nodes);
+    llist_sort(&list, [](void *, void *) { return static_cast<int>(random_numbers() % 3) - 1; });
+    std::vector<void *> sorted;
+    while (list != nullptr && sorted.size() <= items.size())
+        sorted.push_back(llist_popobject(&list));
+    std::sort(sorted.begin(), sorted.end());
+    ASSERT_EQ(sorted.size(), items.size());
+    for (std::size_t i = 0; i < items.size(); ++i)
+        ASSERT_EQ(sorted[i], &items[i]);
+}
+
 TEST(lists, of_1000000_nodes_are_released_in_little_stack)
 {
     make_pool("objects", 1);
