@@ -177,7 +177,7 @@ class Trial {
         difference.same(slot_of(taken), slot, "slot");
         if (taken == nullptr) {
             const std::string message = "memm_calloc() failed for pool '" + name_ + "' (pool depleted)";
-            expected_trace += message;
+            expected_trace += message + text("Could not open '/tmp/memm_dump_%d' stats file\r\n", getpid());
             expected_errors += "0x10002 2 memm memmanager: " + message + "\n";
             model_.flags = 0x80000000U;
             return false;
