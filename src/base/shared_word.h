@@ -42,6 +42,9 @@ template <typename T> void publish(T &word, std::type_identity_t<T> value) noexc
     __atomic_store_n(&word, value, __ATOMIC_RELEASE);
 }
 
+// The same where the words read next do not depend on this one by their addresses.
+template <typename T> T load_acquired(const T &word) noexcept { return __atomic_load_n(&word, __ATOMIC_ACQUIRE); }
+
 template <typename T> T add(T &word, std::type_identity_t<T> step) noexcept
 {
     const T sum = load(word) + step;

@@ -241,18 +241,11 @@ namespace {
     return object;
 }
 
-// Large pools have ways of their own, from where the lock is held.
-[[gnu::noinline]] void *allocate_in_large(const PoolAid &aid) noexcept
+// From where the lock is held.
+[[gnu::noinline]] void *allocate_lowest(const PoolAid &aid) noexcept
 {
     void *const object = take_lowest_slot(Held::by_caller(), aid);
     return object != nullptr && default_lock.leave_at_once() ? object : end_allocation(object, &aid);
-}
-
-[[gnu::noinline]] Result release_in_large(const PoolAid &aid, void *object) noexcept
-{
-    const Result result = release_owned(Held::by_caller(), aid, object);
-    default_lock.leave();
-    return result;
 }
 
 [[gnu::noinline]] Result release_at_length(void *object) noexcept
@@ -286,8 +279,8 @@ void *memm_calloc(unsigned poolid)
         return allocate_at_length(id);
     }
     const PoolAid *const aid = registry.find_aid(id);
-    if (aid != nullptr && aid->is_large) {
-        return allocate_in_large(*aid);
+    if (aid != nullptr && aid->wrong_guesses != 0) {
+        return allocate_lowest(*aid);
     }
     void *const object = aid != nullptr ? take_slot_at_once(Held::by_caller(), *aid) : nullptr;
     return object != nullptr && default_lock.leave_at_once() ? object : end_allocation(object, aid);
@@ -323,9 +316,6 @@ int memm_free(void *obj)
         return to_int(release_at_length(obj));
     }
     const PoolAid *const aid = sole_owner_of(obj);
-    if (aid != nullptr && aid->is_large) {
-        return to_int(release_in_large(*aid, obj));
-    }
     const bool released = aid != nullptr && !has_say_in_release(*aid->pool) &&
                           finish_release_at_once(Held::by_caller(), *aid, slot_of(obj));
     return to_int(released && default_lock.leave_at_once() ? Result::ok : end_release(released, aid, obj));

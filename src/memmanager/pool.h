@@ -56,11 +56,11 @@ struct PoolAid {
     u32 span = 0;              // bytes from there to just behind the start of the last header; 0 without slots
     PoolId id = PoolId::invalid;
     Divisor slot_size;
-    u32 small_bytes = 0;         // what to zero in a new object when that is little; 0: ask for it the long way
-    bool is_ordinary = false;    // has slots, and is not the pool of the descriptors
-    bool is_large = false;       // as its index says
-    SlotIndex *index = nullptr;  // null: search slot by slot
-    void *control = nullptr;     // the cookie that a floor above gave the pool, and may read through; null for others'
+    u32 small_bytes = 0;            // what to zero in a new object when that is little; 0: ask for it the long way
+    bool is_ordinary = false;       // has slots, and is not the pool of the descriptors
+    mutable u32 wrong_guesses = 0;  // a bit for each of the last allocations that first_free was wrong for
+    SlotIndex *index = nullptr;     // null: search slot by slot
+    void *control = nullptr;  // the cookie that a floor above gave the pool, and may read through; null for others'
 
     // Before the pool is placed in the order by address, and never again: readers may come without the lock.
     void set_slots(const unsigned char *slots, u32 bytes_per_slot, u32 count) noexcept
@@ -156,7 +156,7 @@ extern constinit Registry registry;
 inline PoolId id_of(const Pool &pool) noexcept { return registry.id_of(pool); }
 
 // The slot array may be walked and its name read.
-inline bool has_slots(const Pool &pool) noexcept { return load(pool.slots) != nullptr; }
+inline bool has_slots(const Pool &pool) noexcept { return load_acquired(pool.slots) != nullptr; }
 
 // The header in front of any pointer. What cannot be read is like the header of a free slot.
 ObjectHeader header_of(const void *object) noexcept;

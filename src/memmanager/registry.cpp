@@ -174,7 +174,6 @@ Pool *make_pool(Held held, const char *name, int count, Size size, const memm_po
     PoolAid &aid = registry.aid(id);
     aid.set_slots(slots, size.slot, static_cast<u32>(count));
     aid.index = make_index(static_cast<u32>(count));
-    aid.is_large = aid.index != nullptr && aid.index->is_large();
     if (options != nullptr) {
         set_options(pool.options, *options);
     }
@@ -187,7 +186,7 @@ Pool *make_pool(Held held, const char *name, int count, Size size, const memm_po
     store(pool.last_normal, last_slot - std::size_t{size.slot} * static_cast<u32>(spare));
     store(pool.last_item, last_slot);
     store(pool.name, name);
-    store(pool.slots, slots);
+    publish(pool.slots, slots);
     aid.small_bytes = size.slot - kHeaderBytes <= PoolAid::kMostSmall ? size.slot - kHeaderBytes : 0;
     aid.is_ordinary = true;
     registry.place(held, id);

@@ -16,11 +16,11 @@ constexpr u32 words_for(u32 bits, unsigned per_word) noexcept
 
 u64 SlotIndex::bytes_for(u32 slots) noexcept
 {
-    u32 words = words_for(slots, kBits);
-    u64 total = words;
-    while (words > 1) {
+    u64 total = 0;
+    u32 words = slots;
+    for (unsigned level = 0; level < kMinLevels || words > 1; ++level) {
         words = words_for(words, kBits);
-        total += u64{2} * words;
+        total += u64{level == 0 ? 1U : 2U} * words;
     }
     return sizeof(SlotIndex) + total * sizeof(Word);
 }
@@ -30,7 +30,7 @@ SlotIndex *SlotIndex::make(void *block, u32 slots) noexcept
     auto *index = new (block) SlotIndex;
     auto *maps = reinterpret_cast<Word *>(index + 1);
     u32 bits = slots;
-    do {
+    while (index->levels_ < kMinLevels || bits > 1) {
         const unsigned level = index->levels_++;
         const u32 words = words_for(bits, kBits);
         index->words_[level] = words;
@@ -45,26 +45,55 @@ SlotIndex *SlotIndex::make(void *block, u32 slots) noexcept
             }
         }
         bits = words;
-    } while (bits > 1);
+    }
     index->bits_ = index->full_[0];
     return index;
 }
 
 // Up to the first level that knows already: what is above knows, too.
-void SlotIndex::mark_used(u32 slot) noexcept
+void SlotIndex::set(u32 slot) noexcept
 {
-    if (bits_[slot / kBits] == 0) {
-        u32 word = slot / kBits;
-        for (unsigned level = 1; level < levels_; ++level, word /= kBits) {
-            Word &summary = any_[level][word / kBits];
-            if ((summary & bit(word)) != 0) {
-                break;
-            }
-            summary |= bit(word);
-        }
+    if (set_at_once(slot)) {
+        return;
     }
-    mark(slot);
-    mark_above(slot);
+    u32 word = slot / kBits;
+    for (unsigned level = 1; level < levels_ && (any_[level][word / kBits] & bit(word)) == 0; ++level) {
+        any_[level][word / kBits] |= bit(word);
+        word /= kBits;
+    }
+    bits_[slot / kBits] = bit(slot);
+}
+
+void SlotIndex::clear(u32 slot) noexcept
+{
+    if (clear_at_once(slot)) {
+        return;
+    }
+    for (unsigned level = 0; level < levels_; ++level) {
+        full_[level][slot / kBits] &= ~bit(slot);
+        slot /= kBits;
+    }
+}
+
+// Down from the top; a word that turns out to be full is noted above, and the search begins anew.
+u32 SlotIndex::lowest_free() noexcept
+{
+    unsigned level = levels_;
+    u32 at = 0;
+    while (level > 0) {
+        const Word word = full_[--level][at];
+        if (word != kAll) {
+            at = at * kBits + static_cast<u32>(std::countr_one(word));
+            continue;
+        }
+        if (++level == levels_) {
+            return kNone;
+        }
+        full_[level][at / kBits] |= bit(at);
+        level = levels_;
+        at = 0;
+    }
+    return at;
 }
 
 // A search has met an empty word whose summary promises more.

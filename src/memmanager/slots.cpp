@@ -29,6 +29,7 @@ Found scan(const PoolAid &aid, unsigned char *limit) noexcept
         const u32 from = aid.number_of(slot);
         const u32 beyond = aid.number_of(limit) + 1;
         const u32 number = std::min(aid.index->lowest_free(), beyond);
+        aid.wrong_guesses = ~0U;
         slot = slot_at(pool, number);
         steps = number - from;
     }
@@ -95,7 +96,7 @@ void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
     }
     ObjectHeader{aid.id}.write_to(slot);
     if (aid.index != nullptr) {
-        aid.index->mark_used(aid.number_of(slot));
+        aid.index->set(aid.number_of(slot));
     }
     note_taken(*aid.pool, slot);
     return is_descriptor ? object : std::memset(object, 0, aid.pool->slot_size - kHeaderBytes);
@@ -111,15 +112,16 @@ void *take_lowest_slot(Held, const PoolAid &aid) noexcept
     if (aid.small_bytes == 0 || pool.first_free > pool.last_normal) [[unlikely]] {
         return nullptr;
     }
-    const u32 number = aid.index->lowest_free();
-    const u32 steps = number - aid.number_of(pool.first_free);
+    const u32 first = aid.number_of(pool.first_free);
+    const u32 number = aid.index->lowest_free_near(first);
+    const u32 steps = number - first;
     unsigned char *const slot = pool.first_free + std::size_t{steps} * pool.slot_size;
     const bool is_second_guess_right = (steps != 0) & (pool.last_used < pool.last_normal);
     if (number == SlotIndex::kNone || is_second_guess_right || slot > pool.last_normal ||
-        !aid.index->mark_at_once(number)) [[unlikely]] {
+        !aid.index->set_at_once(number)) [[unlikely]] {
         return nullptr;
     }
-    aid.index->mark_above(number);
+    aid.wrong_guesses = aid.wrong_guesses >> 1 | u32{steps != 0} << 31;
     add(pool.scan_steps, steps);
     return hand_out(aid, slot, steps == 0 ? MEMM_PATH_FIRST_FREE : MEMM_PATH_SCAN);
 }
@@ -187,7 +189,6 @@ void finish_release(Held held, const PoolAid &aid, unsigned char *slot) noexcept
     ObjectHeader{}.write_to(slot);
     if (aid.index != nullptr) {
         aid.index->clear(aid.number_of(slot));
-        aid.index->clear_above(aid.number_of(slot));
     }
     store(pool.first_free, std::min(pool.first_free, slot));  // one is as likely as the other: no branch
     if (slot == pool.last_used && slot > pool.slots) {

@@ -78,14 +78,14 @@ inline void raise_highest(Pool &pool, int in_use) noexcept
 [[gnu::always_inline]] inline void *take_slot_at_once(Held, const PoolAid &aid) noexcept
 {
     unsigned char *const slot = aid.pool->first_free;
-    if (aid.small_bytes == 0 || slot > aid.pool->last_normal || aid.is_large || !is_free(aid, slot) ||
-        (aid.index != nullptr && !aid.index->mark_at_once(aid.number_of(slot)))) [[unlikely]] {
+    if (aid.small_bytes == 0 || slot > aid.pool->last_normal || !is_free(aid, slot) ||
+        (aid.index != nullptr && !aid.index->set_at_once(aid.number_of(slot)))) [[unlikely]] {
         return nullptr;
     }
     return hand_out(aid, slot, MEMM_PATH_FIRST_FREE);
 }
 
-// The same of a large pool, whose index knows another slot when the guess is wrong.
+// The same for a pool whose guesses have been wrong of late: its index knows the slot as fast either way.
 void *take_lowest_slot(Held, const PoolAid &aid) noexcept;
 
 void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
@@ -93,7 +93,7 @@ void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
 // A zeroed object, or null; keeps the counters.
 [[gnu::always_inline]] inline void *take_slot(Held held, const PoolAid &aid, Reserve reserve) noexcept
 {
-    void *const object = aid.is_large ? take_lowest_slot(held, aid) : take_slot_at_once(held, aid);
+    void *const object = aid.wrong_guesses != 0 ? take_lowest_slot(held, aid) : take_slot_at_once(held, aid);
     return object != nullptr ? object : take_slot_elsewhere(aid, reserve);
 }
 
@@ -117,18 +117,15 @@ inline bool pass_slot(Held, const PoolAid &aid) noexcept
 // The end of a release to which the object's owner has agreed: the slot becomes free.
 void finish_release(Held, const PoolAid &aid, unsigned char *slot) noexcept;
 
-// The same where the pool is not large and nothing has to be searched or called for it; false, and nothing has
-// happened, elsewhere.
+// The same where nothing has to be searched or called for it; false, and nothing has happened, elsewhere.
 [[gnu::always_inline]] inline bool finish_release_at_once(Held, const PoolAid &aid, unsigned char *slot) noexcept
 {
     Pool &pool = *aid.pool;
     // Deliberate: when all slots are free again, last_used ends on the first one, not before it.
     const bool moves_last_used = slot == pool.last_used && slot > pool.slots;
-    if (aid.is_large || (moves_last_used && is_free(aid, slot - pool.slot_size))) [[unlikely]] {
+    if ((moves_last_used && is_free(aid, slot - pool.slot_size)) ||
+        (aid.index != nullptr && !aid.index->clear_at_once(aid.number_of(slot)))) [[unlikely]] {
         return false;
-    }
-    if (aid.index != nullptr) {
-        aid.index->clear(aid.number_of(slot));
     }
     add(pool.free_count, 1);
     add(pool.cur_count, -1);
