@@ -13,7 +13,7 @@ using namespace gates;
 TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
 {
     const OwnFolder folder;
-    const int rounds = std::max(1, scaled(3));
+    const auto rounds = static_cast<unsigned>(std::max(1, scaled(3)));
     recorder().largest_block = 1 << 24;
     recorder().allow_reports();
     Children children;
@@ -21,13 +21,13 @@ TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
         if (!children.fork(call.name))
             continue;
         static World world({});
-        for (std::size_t i = 0; i < call.bad_ones.size(); ++i)
-            for (std::size_t bad = 0, count = call.bad_ones[i](world); bad < count; ++bad)
-                for (int round = 0; round < rounds; ++round) {
-                    call.operator_(world, static_cast<int>(i), static_cast<int>(bad));
-                    world.sweep();
-                    recorder().forget();
-                }
+        bool is_bad = true;
+        for (std::size_t parameter = 0; parameter < call.parameters; ++parameter)
+            for (std::size_t n = 0; n == 0 || is_bad; ++n) {
+                is_bad = call.run_with_bad(world, parameter, n / rounds);
+                world.sweep();
+                recorder().forget();
+            }
         children.end();
     }
     EXPECT_EQ(children.end(), "");
@@ -47,7 +47,7 @@ void run_script(const Sizes &sizes)
     memm_calloc(empty);
     int count = 0;
     for (const Call &call : calls()) {
-        call.operator_(world, -1, -1);
+        call.run(world);
         if (++count % 3 != 0 && reports_left-- > 0)
             memm_calloc(empty), raise(count % 2 == 0 ? SIGUSR1 : SIGUSR2);
         world.sweep();

@@ -22,6 +22,8 @@ public:
 };
 
 std::string content_of(const std::string &path);  // "-" when there is no such file
+bool complains(const std::string &report);
+bool is_whole_report(const std::string &report);  // of a signal, its last line a percentage; it does not complain
 void write_file(const std::string &path, const std::string &content);
 
 inline struct {
