@@ -42,9 +42,9 @@ constexpr bool is_object =  // pointers to what lies in pools
 class World {
 public:
     int objects, strings, nodes, data;
-    std::mt19937 random;
+    std::mt19937 random{1};
 
-    explicit World(const Sizes &sizes, unsigned seed = 1) : random(seed)
+    explicit World(const Sizes &sizes)
     {
         memm_init(static_cast<unsigned>(sizes.table), sizes.controls);
         dyndata_init(sizes.areas);
@@ -175,24 +175,15 @@ private:
     // Pointers of which each is no object of some kind: null is everybody's.
     std::vector<void *> wild()
     {
-        static char *const hidden =
-            static_cast<char *>(mmap(nullptr, 8192, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        static auto *const hidden =
+            static_cast<char *>(mmap(nullptr, 8192, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) + 4096;
         const auto text = reinterpret_cast<char *>(string()), node = reinterpret_cast<char *>(list({"", "", 0}));
         void *const deleted = string(), *const released = bytes(), *const loose = list({"", "", 0});
         for (void *object : {deleted, released, loose})
             memm_free(object);
-        std::vector<void *> all{deleted,
-                                released,
-                                loose,
-                                text,
-                                text + 1,
-                                node,
-                                node + 8,
-                                bytes(),
-                                hidden + 4,
-                                hidden + 4096,
-                                reinterpret_cast<void *>(&std::abort),
-                                &pool_at(id(strings))};
+        std::vector<void *> all{deleted, released, loose, bytes(), &pool_at(id(strings))};
+        for (char *other : {text, text + 1, node, node + 8, hidden, reinterpret_cast<char *>(&std::abort)})
+            all.push_back(other);
         for (std::uintptr_t address = 1; address <= 8; ++address)
             all.push_back(reinterpret_cast<void *>(address));
         for (const int pool : {objects, strings, nodes, data})
@@ -240,35 +231,38 @@ inline std::vector<Parameter> parameters_of(const char *function, const std::str
     return all;
 }
 
-template <class T> bool spoil(T &argument, World &world, const Parameter &parameter, std::size_t bad)
-{
-    const std::vector<T> bad_ones = world.bad_ones(Of<T>(), parameter);
-    argument = bad < bad_ones.size() ? bad_ones[bad] : argument;
-    return bad < bad_ones.size();
-}
-
 template <class R, class... P, class F> Call call_of(const char *name, const char *prototype, F function)
 {
-    const auto run = [ =, parameters = parameters_of(name, prototype) ]<std::size_t... I>(
-        World & world, std::size_t wrong, std::size_t bad, std::index_sequence<I...>)
-    {
-        std::tuple<P...> arguments{world.good(Of<P>(), parameters[I])...};
-        const bool is_bad = ((wrong == I && spoil(std::get<I>(arguments), world, parameters[I], bad)) || ...);
+    const auto run = [=, parameters = parameters_of(name, prototype)](World &world, std::size_t wrong,
+                                                                      std::size_t bad) {
+        std::size_t place = 0;
+        [[maybe_unused]] const auto good = [&]<class T>(Of<T> type) -> T {
+            return world.good(type, parameters[place++]);
+        };
+        std::tuple<P...> arguments{good(Of<P>())...};
+        bool is_bad = false;
+        place = 0;
+        const auto spoil = [&]<class T>(T &argument) {
+            if (place++ != wrong)
+                return;
+            const std::vector<T> bad_ones = world.bad_ones(Of<T>(), parameters[wrong]);
+            is_bad = bad < bad_ones.size();
+            argument = is_bad ? bad_ones[bad] : argument;
+        };
+        std::apply([&](P &...each) { (spoil(each), ...); }, arguments);
         recorder().take_tags();
         if constexpr (std::is_pointer_v<R> && !std::is_same_v<R, const char *>) {
             const R is = std::apply(function, arguments);
             using First = std::remove_pointer_t<std::tuple_element_t<0, std::tuple<P..., int>>>;
             const bool is_null = is_object<std::remove_cv_t<First>> && wrong == 0 && bad == 0;
-            EXPECT_TRUE(!is_null || is == nullptr || parameters[0].is_of("todynstr"))
-                << name;  // no list is an empty one
+            const bool makes_text = parameters[0].is_of("todynstr");  // no list is an empty one
+            EXPECT_TRUE(!is_null || is == nullptr || makes_text) << name;
         } else {
             std::apply(function, arguments);
         }
         return is_bad;
     };
-    return {name, sizeof...(P), [run](World &world, std::size_t wrong, std::size_t bad) {
-                return run(world, wrong, bad, std::index_sequence_for<P...>());
-            }};
+    return {name, sizeof...(P), run};
 }
 template <class R, class... P> Call make_call(const char *name, const char *prototype, R (*function)(P...))
 {

@@ -3,9 +3,6 @@
 #include "gates/children.h"
 #include "support/file_calls.h"
 
-#include <cerrno>
-#include <csignal>
-
 namespace {
 
 using namespace gates;
@@ -61,11 +58,7 @@ constexpr int kForkShare = 20;  // percent: forks are dear there
 constexpr int kForkShare = 100;
 #endif
 
-struct Way {
-    Op op;
-    int code;
-};
-constexpr Way kWays[] = {
+constexpr std::pair<Op, int> kWays[] = {
     {Op::alloc, 7},           {Op::alloc, kNullBlock}, {Op::alloc, kMisaligned}, {Op::getmem, 7},
     {Op::getmem, kNullBlock}, {Op::retmem, 7},         {Op::create, 7},          {Op::take, 7},
     {Op::open, EACCES},       {Op::fstat, EIO},        {Op::ftruncate, EIO},     {Op::write, kShort},
@@ -79,24 +72,19 @@ TEST(faults, at_every_call_of_the_platform_leave_pools_that_work)
     Children children;
     const int stride = std::max(1, 100 / std::max(1, scaled(kForkShare)));
     int points = 0;
-    const Way *met = nullptr;  // in a child
-    bool always = false;
-    unsigned later = 0;
     fault = [&](Op op) {
-        if (met != nullptr)  // an interruption that never ends would be one
-            return always && met->op == op && (met->code != EINTR || ++later % 2 == 0) ? met->code : 0;
-        for (const Way &way : kWays)
-            for (const bool for_ever : {false, true}) {
-                if (way.op != op || points++ % stride != 0)
-                    continue;
-                if (children.fork(text("fault point %d: operation %d, code %d, for ever %d", points,
-                                       static_cast<int>(op), way.code, for_ever))) {
-                    met = &way;
+        for (const auto &[met, code] : kWays)
+            for (const bool for_ever : {false, true})
+                if (met == op && points++ % stride == 0 &&
+                    children.fork(text("fault point %d: operation %d, code %d, for ever %d", points,
+                                       static_cast<int>(op), code, for_ever))) {
                     reports_left = 4;  // they take the most of the time
-                    always = for_ever;
-                    return way.code;
+                    // An interruption that never ends would be one.
+                    fault = [=, met = met, code = code, later = 0](Op next) mutable {
+                        return for_ever && next == met && (code != EINTR || ++later % 2 == 0) ? code : 0;
+                    };
+                    return code;
                 }
-            }
         return 0;
     };
     run_script({});

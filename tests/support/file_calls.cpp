@@ -69,19 +69,16 @@ std::string content_of(const std::string &path)
     return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "-";
 }
 
-bool is_whole_report(const std::string &report)
-{
-    return report.starts_with("\r\n\r\nReason: SIGUSR") && report.ends_with("%)\r\n\r\n") && !complains(report);
-}
+void write_file(const std::string &path, const std::string &content) { std::ofstream(path) << content; }
 
 bool complains(const std::string &report)
 {
     return report.find("ERROR") != report.npos || report.find("failed") != report.npos;
 }
 
-void write_file(const std::string &path, const std::string &content)
+bool is_whole_report(const std::string &report)
 {
-    std::ofstream(path, std::ios::binary) << content;
+    return report.starts_with("\r\n\r\nReason: SIGUSR") && report.ends_with("%)\r\n\r\n") && !complains(report);
 }
 
 // --- the calls; each does its work by another one that the library does not use ---
@@ -95,9 +92,7 @@ int open(const char *name, int flags, ...)
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     const RealPath path(name);
-    if (fault_on(path.is_own, Op::open) != 0)
-        return -1;
-    const int file = openat(AT_FDCWD, path.text, flags, mode);
+    const int file = fault_on(path.is_own, Op::open) != 0 ? -1 : openat(AT_FDCWD, path.text, flags, mode);
     is_own(file) = path.is_own && file >= 0;
     if (is_own(file) && (flags & O_ACCMODE) == O_WRONLY)
         ++dumps_opened;
@@ -113,8 +108,8 @@ int fstat(int file, struct stat *status) noexcept
 
 int ftruncate(int file, off_t length) noexcept
 {
-    const int failed = fault_on(is_own(file), Op::ftruncate);
-    return failed != 0 ? -1 : static_cast<int>(syscall(SYS_ftruncate, file, static_cast<long>(length)));
+    const int code = fault_on(is_own(file), Op::ftruncate);
+    return code != 0 ? -1 : static_cast<int>(syscall(SYS_ftruncate, file, static_cast<long>(length)));
 }
 
 ssize_t write(int file, const void *bytes, size_t count)

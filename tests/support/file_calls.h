@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 
 // Stands between the library and the files that it names: /etc/config/*, /tmp/memm_dump_* and /var/tmp/memm_* lead into
@@ -29,5 +30,12 @@ void write_file(const std::string &path, const std::string &content);
 inline struct {
     int open_error = 0;
 } file_faults;  // whatever fault() says, and without a folder too
+
+inline int status_of(pid_t child)  // when it has ended
+{
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
 
 extern std::atomic<unsigned> dumps_opened;  // how often a dump file was opened for writing
