@@ -3,6 +3,7 @@
 #include "support/recording_platform.h"
 
 #include <algorithm>
+#include <cstring>
 #include <random>
 
 namespace {
@@ -60,12 +61,9 @@ TEST(lists, stay_whole_when_an_object_refuses)
     const unsigned objects = make_pool("", 3, sizeof(int), options);
     const int nodes = make_nodes(5);
     llist *list = nullptr;
-    for (const int answer : {1, 0, 1}) {
-        llist_addobject(&list, memm_calloc(objects), nodes);
-        *static_cast<int *>(llist_getobject_at(list, llist_getlength(list) - 1)) = answer;
-    }
-    EXPECT_EQ(llist_free_plist(&list), MEMM_E_SETUP);
-    EXPECT_EQ(list, nullptr);
+    for (const int answer : {1, 0, 1})
+        llist_addobject(&list, std::memcpy(memm_calloc(objects), &answer, sizeof answer), nodes);
+    EXPECT_TRUE(llist_free_plist(&list) == MEMM_E_SETUP && list == nullptr);
     EXPECT_EQ(pool_at(objects).cur_count, 2) << "those before it are released";
 }
 

@@ -12,6 +12,7 @@
 #include <climits>
 #include <concepts>
 #include <cstring>
+#include <list>
 #include <random>
 #include <sys/mman.h>
 
@@ -58,6 +59,7 @@ public:
     // Everything is given back but the record that the string pool keeps for itself.
     void sweep()
     {
+        kept_.clear();
         auto *const texts = static_cast<memm::strings::TextPool *>(memm_getpoolcookie_bypoolid(id(strings)));
         for (const int pool : {nodes, objects, strings, data})
             for (int i = 0; pool != -1 && i < pool_at(id(pool)).slot_count; ++i)
@@ -130,18 +132,12 @@ private:
     static inline const char *const texts_[] = {"a", "b", nullptr};
     static inline int turns_ = 0;
     static int silence(const char *, ...) { return 0; }
-    void *kept_[64]{};
-    std::size_t kept_count_ = 0;
+    std::list<void *> kept_;  // what a parameter points to that is a pointer
     alignas(16) unsigned char scratch_[8][70000]{};
 
     static unsigned id(int pool) { return static_cast<unsigned>(pool); }
     template <class T> const T &any(const std::vector<T> &of) { return of[random() % of.size()]; }
-    template <class T> T *kept(T value)
-    {
-        void *&place = kept_[kept_count_++ % 64];
-        place = value;
-        return reinterpret_cast<T *>(&place);
-    }
+    template <class T> T *kept(T value) { return reinterpret_cast<T *>(&kept_.emplace_back(value)); }
 
     void *room(const Parameter &p) { return std::strcpy(reinterpret_cast<char *>(scratch_[p.number]), "a=b,c"); }
     dynstr *string()

@@ -5,17 +5,10 @@
 #include <memmanager/platform.h>
 
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <unistd.h>
-#include <utility>
 
 namespace {
-
-// What the library does not clear itself must not look as if it had.
-constexpr int kDirt = 0xa5;
 
 memm::FutexLock manager_lock;
 memm::FutexLock mutexes[2000];  // by handle, which is an index above 0
@@ -49,15 +42,15 @@ unsigned get_block(Op op, unsigned size, void **block)
     const int code = size > recorder().largest_block ? 12 : fault_of_next(op);
     if (code > 0)
         return static_cast<unsigned>(code);
-    const std::lock_guard guard(recorder().mutex_);
     *block = nullptr;
     if (code == kNullBlock)
         return 0;
+    const std::lock_guard guard(recorder().mutex_);
     const std::size_t lead = code == kMisaligned ? 4 : 0;
     auto *const memory = static_cast<unsigned char *>(std::malloc(size + lead));
     if (memory == nullptr)
         return 12;
-    std::memset(memory, kDirt, size + lead);
+    std::memset(memory, 0xa5, size + lead);  // what the library does not clear itself must not look as if it had
     (op == Op::alloc ? recorder().inside_ : recorder().outside_).insert(memory);
     *block = memory + lead;
     return 0;

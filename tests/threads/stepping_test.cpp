@@ -85,10 +85,9 @@ void go_through_slots(unsigned pool)
     void *all[400], *const first = memm_calloc(pool);
     for (int i = 1; i < filled; ++i)
         all[i] = memm_calloc(pool);
-    for (const int i : {filled / 2, filled - 2, 1, filled - 1})
-        give_back(all[i]);
     EXPECT_EQ(stepped([=] { return memm_refalloc(first); }), first);
-    give_back(first);
+    for (void *const object : {all[filled / 2], all[filled - 2], all[1], all[filled - 1], first})
+        give_back(object);
     for (const int i : {1, filled - 2, filled - 1, filled / 2})
         EXPECT_EQ(stepped([=] { return memm_calloc(pool); }), all[i]);
     for (int i = 1; i < filled; ++i)

@@ -31,9 +31,8 @@ class Traffic {
         const std::string number = std::to_string(item->number);
         EXPECT_TRUE(item->number == item->same_number && dynstr_strcmp2(item->text, number.c_str()) == 0);
         EXPECT_EQ(dynstr_strcmp(strlist_getdynstr_at(item->list, 1), item->text), 0);
-        EXPECT_EQ(memm_free(item->text), 0);
         llist_free_plist(&item->list);
-        EXPECT_EQ(memm_free(item), 0);
+        EXPECT_TRUE(memm_free(item->text) == 0 && memm_free(item) == 0);
         ++released_;
     }
 
