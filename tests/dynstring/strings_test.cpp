@@ -29,7 +29,7 @@ TEST(string_pools, divide_their_bytes_into_records_buffers_and_reserve)
     const auto made = [](int id) {
         const memm_pool &records = pool_at(static_cast<unsigned>(id));
         const std::string blocks = recorder().take_allocations();
-        return text("%d records, %ld to spare: ", records.slot_count, records.options.spare_count) +
+        return text("%d records, %d to spare: ", records.slot_count, static_cast<int>(records.options.spare_count)) +
                blocks.substr(blocks.find("DYNSTR")) + recorder().take_errors();
     };
     EXPECT_EQ(made(dynstr_initpool("", 50, 1001)), "55 records, 5 to spare: DYNSTR 1 500;DYNSTR 1 500;");
