@@ -27,7 +27,7 @@ bool complains(const std::string &report);
 bool is_whole_report(const std::string &report);  // of a signal, its last line a percentage; it does not complain
 void write_file(const std::string &path, const std::string &content);
 
-inline struct {
+inline struct FileFaults {
     int open_error = 0;
 } file_faults;  // whatever fault() says, and without a folder too
 
