@@ -2,6 +2,7 @@
 #   memm_flags               everything that is compiled here: language, warnings, sanitizers
 #   memm_library_flags       the library's own sources on top of that
 #   memm_shared_link_flags   linking the shared library
+#   memm_coverage            linking a program whose forked children write their counts too
 include(CheckCXXCompilerFlag)
 
 set(CMAKE_C_STANDARD 11)
@@ -68,4 +69,11 @@ target_link_options(memm_shared_link_flags INTERFACE
     LINKER:-z,nodelete)  # pools, signal handlers and fork handlers stay until the process ends
 if(NOT (MEMM_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL Clang))  # clang leaves its sanitizers to the program
     target_link_options(memm_shared_link_flags INTERFACE LINKER:-z,defs)
+endif()
+
+add_library(memm_coverage INTERFACE)
+if(CMAKE_CXX_FLAGS MATCHES --coverage)
+    add_library(coverage_of_children STATIC ${PROJECT_SOURCE_DIR}/cmake/coverage.c)
+    target_link_libraries(memm_coverage INTERFACE coverage_of_children)
+    target_link_options(memm_coverage INTERFACE LINKER:--wrap=_exit)
 endif()

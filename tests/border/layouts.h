@@ -7,13 +7,12 @@
 #include <memmanager/lock.h>
 #include <memmanager/timestat.h>
 
-#ifdef __cplusplus
-#define SAME(a, b) static_assert((a) == (b), #a)
-#else
-#define SAME(a, b) _Static_assert((a) == (b), #a)
+#ifndef __cplusplus
+#define static_assert _Static_assert
 #endif
-#define SIZE(type, on_32, on_64) SAME(sizeof(type), sizeof(void *) == 4 ? (on_32) : (on_64))
-#define PLACE(type, member, on_32, on_64) SAME(offsetof(type, member), sizeof(void *) == 4 ? (on_32) : (on_64))
+#define SIZE(type, on_32, on_64) static_assert(sizeof(type) == (sizeof(void *) == 4 ? (on_32) : (on_64)), #type)
+#define PLACE(type, member, on_32, on_64)                                                                              \
+    static_assert(offsetof(type, member) == (sizeof(void *) == 4 ? (on_32) : (on_64)), #type "." #member)
 
 SIZE(memm_word, 4, 8);
 SIZE(memm_pooloptions, 32, 64);

@@ -1,64 +1,166 @@
-#include "small_pool.h"
+// What the models leave open: the sizes of a pool's parts, texts of the long form, values that are written, reports,
+// and the name of each fault.
+#include "dynstring/text_pool.h"
+#include "support/pools.h"
+#include "support/recording_platform.h"
 
+#include <memmanager/platform.h>
 #include <arpa/inet.h>
 #include <climits>
 
 namespace {
 
-constexpr unsigned char kBytes[] = {0x01, 0xff, 0x2a, 0x00, 0xB2, 0x60};
+using memm::strings::TextPool;
+
+const memm_pooloptions &hooks_of(unsigned pool) { return pool_at(pool).options; }
+
+dynstr *make(unsigned pool, const std::string &text = "", unsigned max = 0)
+{
+    dynstr *const string = dynstr_calloc_maxsize(pool, max);
+    EXPECT_EQ(dynstr_setstring(string, text.c_str()), 0U);
+    return string;
+}
+
+TEST(string_pools, divide_their_bytes_into_records_buffers_and_reserve)
+{
+    recorder().allow_reports();
+    make_pool("", 1);
+    const std::string complaint = "0x10007 2 DYNSTR dynstring: dynstr_initpool(): poolcount exceeds maximum\n";
+    const auto made = [](int id) {
+        const memm_pool &records = pool_at(static_cast<unsigned>(id));
+        const std::string blocks = recorder().take_allocations();
+        return text("%d records, %d to spare: ", records.slot_count, static_cast<int>(records.options.spare_count)) +
+               blocks.substr(blocks.find("DYNSTR")) + recorder().take_errors();
+    };
+    EXPECT_EQ(made(dynstr_initpool("", 50, 1001)), "55 records, 5 to spare: DYNSTR 1 500;DYNSTR 1 500;");
+    EXPECT_EQ(made(dynstr_initpool("", 51, 8)), "71 records, 20 to spare: DYNSTR 1 4;DYNSTR 1 4;");
+    EXPECT_EQ(made(dynstr_initpool("", 10000, 8)), "10020 records, 20 to spare: DYNSTR 1 4;DYNSTR 1 4;");
+    EXPECT_EQ(made(dynstr_initpool("", 10001, 11)),
+              "10021 records, 20 to spare: DYNSTR 1 2;DYNSTR 1 2;DYNSTR 1 2;DYNSTR 1 2;");
+    EXPECT_EQ(made(dynstr_initpool2("one", 1, 77, 1)), "6 records, 5 to spare: DYNSTR 1 77;");
+    EXPECT_EQ(made(dynstr_initpool2("", 7, 2, 3)), "12 records, 5 to spare: DYNSTR 1 0;DYNSTR 1 0;DYNSTR 1 0;");
+    EXPECT_EQ(made(dynstr_initpool2("", 7, 83, 5)),
+              "12 records, 5 to spare: DYNSTR 1 20;DYNSTR 1 20;DYNSTR 1 20;DYNSTR 1 20;" + complaint);
+    EXPECT_EQ(dynstr_initpool2("none", 7, 83, 0), -1);
+    EXPECT_EQ(dynstr_initpool2("one", 7, 83, 2), -1) << "the name is taken";
+}
 
 // Sizes of the short and the long form, of the longest text, and one more.
 TEST(long_texts, are_held_up_to_134217727_bytes)
 {
     constexpr unsigned kLong = 1U << 29, kMost = 134217727, kNoMemory = MEMM_E_NO_MEMORY;
-    const SmallPool pool(kMost + 200000, 1, 20);
+    const unsigned pool = make_strings(kMost + 200000, 1, 20);
     const std::string most(kMost, 'x'), complaint = "[DYNSTR] loc_setstrsize with invalid size\r\n";
+    const auto info_of = [](unsigned size) { return size > 65535 ? kLong | size : size; };
     for (const unsigned size : {65534U, 65535U, 65536U, 65537U, kMost}) {
         const char *const written = most.c_str() + (kMost - (size - 1));
-        dynstr *const d = dynstr_fromstring(pool.id(), written);
+        const bool is_longest = size == kMost;
+        dynstr *const d = dynstr_fromstring(pool, written);
         ASSERT_NE(d, nullptr) << size;
-        EXPECT_EQ(dynstr_strlen(d), size - 1);
-        EXPECT_EQ(d->info, size > 65535 ? kLong | size : size);
-        EXPECT_EQ(dynstr_strcmp2(d, written), 0);
-        const unsigned longer = size + 1;
-        EXPECT_EQ(dynstr_addstring(d, "y"), size == kMost ? kNoMemory : 0U) << "in place";
-        EXPECT_EQ(d->info, size == kMost ? 1U << 31 : longer > 65535 ? kLong | longer : longer);
-        EXPECT_EQ(recorder().take_trace(), size == kMost ? complaint : "");
+        EXPECT_EQ(d->info, info_of(size));
+        EXPECT_TRUE(dynstr_strlen(d) == size - 1 && dynstr_strcmp2(d, written) == 0);
+        EXPECT_EQ(dynstr_addstring(d, "y"), is_longest ? kNoMemory : 0U) << "in place";
+        EXPECT_EQ(d->info, is_longest ? 1U << 31 : info_of(size + 1));
+        EXPECT_EQ(recorder().take_trace(), is_longest ? complaint : "");
         if (size == 65537) {
-            EXPECT_EQ(dynstr_setmaxsize(d, 65536), 0U);
-            EXPECT_EQ(d->info, kLong | 65536) << "no limit in the long form";
-            EXPECT_EQ(dynstr_setmaxsize(d, 100), 0U);
-            EXPECT_EQ(d->info, 100U << 16 | 100U);
+            EXPECT_TRUE(dynstr_setmaxsize(d, 65536) == 0 && d->info == (kLong | 65536)) << "has no limit";
+            EXPECT_TRUE(dynstr_setmaxsize(d, 100) == 0 && d->info == (100U << 16 | 100U));
         }
         memm_free(d);
-        const memm_pooloptions &hooks = memm_get_pool_nolock(pool.id())->options;
-        hooks.gc_cb(hooks.cookie, 0, 0);
+        hooks_of(pool).gc_cb(hooks_of(pool).cookie, 0, 0);
     }
-    EXPECT_EQ(dynstr_fromstring(pool.id(), most.c_str()), nullptr);
-    EXPECT_EQ(dynstr_fromliteral(pool.id(), most.c_str()), nullptr);
+    EXPECT_TRUE(dynstr_fromstring(pool, most.c_str()) == nullptr && dynstr_fromliteral(pool, most.c_str()) == nullptr);
     EXPECT_EQ(recorder().take_trace(), complaint + complaint);
 }
 
 TEST(values, are_written_as_their_readers_want_them)
 {
-    const SmallPool pool;
-    const unsigned id = pool.id();
-    dynstr *const dates[] = {pool.make(), pool.make()}, *string = nullptr, *part = nullptr;
+    constexpr unsigned char kBytes[] = {0x01, 0xff, 0x2a, 0x00, 0xB2, 0x60};
+    const unsigned id = make_strings();
+    dynstr *const dates[] = {make(id), make(id)}, *string = nullptr, *part = nullptr;
     EXPECT_EQ(dynstr_setutcdatetime(dates[0], 0) + dynstr_setutcdatetime(dates[1], UINT_MAX), 0U);
     _dynstr_ex_fromprintf(id, &string, "%d %s", "file", 1, 7, "seven");
     _dynstr_ex_fromsubstring(id, &part, "abcd", 1, 2, "file", 1);
-    const std::pair<dynstr *, const char *> texts[] = {{dates[0], "0001-01-01T00:00:00Z"},
-                                                       {dates[1], "2106-02-07T06:28:15Z"},
-                                                       {string, "7 seven"},
-                                                       {part, "bc"},
-                                                       {dynstr_fromulong(id, UINT_MAX), "4294967295"},
-                                                       {dynstr_fromlong(id, INT_MIN), "-2147483648"},
-                                                       {dynstr_fromipaddr(id, inet_addr("1.2.3.4")), "1.2.3.4"},
-                                                       {dynstr_frommacaddr(id, kBytes), "01:ff:2a:00:b2:60"},
-                                                       {dynstr_hexstringfromdata(id, kBytes, 2), "01ff"},
-                                                       {dynstr_hexstringfromdata(id, nullptr, 5), ""}};
-    for (const auto &[made, expected] : texts)
-        EXPECT_STREQ(dynstr_getstring(made), expected);
+    std::string written;
+    for (dynstr *const made :
+         {dates[0], dates[1], string, part, dynstr_fromulong(id, UINT_MAX), dynstr_fromlong(id, INT_MIN),
+          dynstr_fromipaddr(id, inet_addr("1.2.3.4")), dynstr_frommacaddr(id, kBytes),
+          dynstr_hexstringfromdata(id, kBytes, 2), dynstr_hexstringfromdata(id, nullptr, 5)})
+        written += dynstr_getstring(made) + std::string(";");
+    EXPECT_EQ(written, "0001-01-01T00:00:00Z;2106-02-07T06:28:15Z;7 seven;bc;4294967295;-2147483648;1.2.3.4;"
+                       "01:ff:2a:00:b2:60;01ff;;");
+}
+
+TEST(string_reports, show_every_record_and_buffer)
+{
+    const unsigned pool = make_strings(400);
+    const std::string text47(47, 'x');
+    std::string expected = "Checking dynstr pool ''\r\n + alloc-list buffer 0: ";
+    const auto add = [&](dynstr *record, const std::string &shown) {
+        expected += text("\r\n%08lx - bnr=0, maxsize=", address(record->str)) + shown;
+        return record;
+    };
+    add(make(pool, "abc", 9), "9, size=4, data='abc'");
+    add(make(pool, text47), "0, size=48, data='" + text47 + "'");
+    add(make(pool, text47 + "y"), "0, size=49, data='" + text47 + "...'");
+    dynstr *const deleted = add(make(pool, "xyz"), "0, size=4, deleted, data='xyz'");
+    memm_free(deleted);
+    EXPECT_EQ(dynstr_integrity_check(pool, 1), 1);
+    EXPECT_EQ(recorder().take_debug(),
+              expected + "--> cnt=4, delcnt=1\r\n + alloc-list buffer 1: --> cnt=0, delcnt=0\r\n");
+    const memm_pooloptions hooks = hooks_of(pool);
+    hooks.print_cb(make(pool));
+    hooks.print_cb(dynstr_fromliteral(pool, "lit"));
+    EXPECT_EQ(recorder().take_debug(), " - bnr=-1, maxsize=0, size=0, literal, data=''"
+                                       " - bnr=-1, maxsize=0, size=4, literal, data='lit'");
+    EXPECT_TRUE(hooks.filter_cb(deleted, 3) == 1 && hooks.filter_cb(deleted, 4) == 0);
+
+    for (const int attempt : {0, 1})
+        hooks.gc_cb(hooks.cookie, attempt, 0);
+    int live = 5, peak = 6, capacity = 7;
+    hooks.stats_cb(hooks.cookie, nullptr, nullptr, nullptr, dbg_printf);
+    hooks.stats_cb(hooks.cookie, &live, &peak, &capacity, dbg_printf);
+    EXPECT_EQ(std::tuple(live, peak, capacity), std::tuple(106, 111, 407));
+    EXPECT_EQ(recorder().take_debug(),
+              "                            gc_cnt:2, tot/avg/max:1/0/1 dynstr, 4/2/4 bytes\r\n"
+              "  - string buffer 1, gc reason ctx_balance/ctx_depleted/buffer_full:   0%/ 50%/  0%\r\n"
+              "  - string buffer 2, gc reason ctx_balance/ctx_depleted/buffer_full:   0%/ 50%/  0%\r\n"
+              "\r\n  - 2 buffers             gc cnt:             2      101,   105,   400  (  26%)   curr: 25%"
+              "\r\n  ->string buffer 1,  # used/del:      3,     0      101,   105,   200  (  52%)   curr: 50% - 3"
+              "\r\n  - string buffer 2,  # used/del:      0,     0        0,     0,   200  (   0%)   curr:  0% - 0");
+}
+
+struct Damaged {
+    TextPool &pool;
+    dynstr &one, &two;
+};
+
+TEST(integrity_check, names_every_fault)
+{
+    const std::string order = "\r\n  - E: next->str >= curr->str, ", no_next = "\r\n  - E: !next && last != curr, ",
+                      literal = "\r\n  - E: literal pstr found, ";
+    const std::pair<void (*)(Damaged), std::string> cases[] = {
+        {[](Damaged d) { d.pool.first[0] = nullptr; }, "\r\n  - E: buffer 0 has no first dynstr but has used bytes, "},
+        {[](Damaged d) { d.pool.last[0] = nullptr; },
+         "\r\n  - E: buffer 0 has no last dynstr but has used bytes, " + no_next},
+        {[](Damaged d) { ++d.pool.used[0]; }, "\r\n  - E: buffer 0 used bytes doesn't match last dynstr, "},
+        {[](Damaged d) { d.one.prev = &d.two; }, "\r\n  - E: first has nonzero prev, "},
+        {[](Damaged d) { d.one.info |= 2U << 16; }, "\r\n  - E: DYNSTR_MAXSIZE(2) < DYNSTR_SIZE(4), "},
+        {[](Damaged d) { d.two.info += 5; }, "\r\n  - E: DYNSTR_SIZE(9) != strlen+1(4, 'two'), "},
+        {[](Damaged d) { d.two.prev = nullptr; }, "\r\n  - E: next->prev != curr, "},
+        {[](Damaged d) { d.two.info |= 1U << 27; }, "\r\n  - E: curr has wrong buffernr, "},
+        {[](Damaged d) { d.two.info |= 1U << 31; }, literal},
+        {[](Damaged d) { d.two.str = nullptr; }, order + "\r\n  - E: DYNSTR_SIZE(4) != strlen+1(0, ''), " + literal},
+        {[](Damaged d) { d.one.next = nullptr; }, no_next},
+    };
+    for (const auto &[damage, expected] : cases) {
+        const unsigned pool = make_strings();
+        dynstr *const one = make(pool, "one"), *const two = make(pool, "two");
+        make(pool, "six");
+        damage({*static_cast<TextPool *>(hooks_of(pool).cookie), *one, *two});
+        EXPECT_EQ(dynstr_integrity_check(pool, 0), 0);
+        EXPECT_EQ(recorder().take_debug(), expected);
+    }
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "dynstring/text_pool.h"
+#include "support/pools.h"
+#include "support/recording_platform.h"
 
 #include <memmanager/dyndata.h>
 #include <memmanager/lock.h>
@@ -8,15 +10,11 @@
 #include <memmanager/timestat.h>
 
 #include <climits>
+#include <concepts>
 #include <cstring>
-#include <functional>
-#include <gtest/gtest.h>
+#include <list>
 #include <random>
-#include <string>
 #include <sys/mman.h>
-#include <tuple>
-#include <type_traits>
-#include <vector>
 
 // Calls of every exported function, with arguments that are made up from the types and the names of its parameters.
 // calls.inc has a line for each, made from the list of exported symbols and the public headers.
@@ -31,19 +29,12 @@ struct Parameter {
     std::string function, name;
     int number;
     bool is(const char *text) const { return name == text; }
-    bool is_of(const char *family) const { return function.find(family) != std::string::npos; }
+    bool is_of(const char *family) const { return function.find(family) != function.npos; }
 };
 
-template <class Function> struct Callback;  // answers 0 and 1 by turns
-inline int turns = 0;
-template <class R, class... A> struct Callback<R (*)(A...)> {
-    static R call(A...) { return static_cast<R>(++turns % 2); }
-};
-template <class R, class... A> struct Callback<R (*)(A..., ...)> {
-    static R call(A..., ...) { return R(); }
-};
+template <class T> class Of {
+};  // a type as an argument
 
-template <class T> constexpr bool is_callback = std::is_function_v<std::remove_pointer_t<T>>;
 template <class T>
 constexpr bool is_object =  // pointers to what lies in pools
     std::is_same_v<T, dynstr> || std::is_same_v<T, dyndata> || std::is_same_v<T, llist> || std::is_void_v<T>;
@@ -52,9 +43,9 @@ constexpr bool is_object =  // pointers to what lies in pools
 class World {
 public:
     int objects, strings, nodes, data;
-    std::mt19937 random;
+    std::mt19937 random{1};
 
-    explicit World(const Sizes &sizes, unsigned seed = 1) : random(seed)
+    explicit World(const Sizes &sizes)
     {
         memm_init(static_cast<unsigned>(sizes.table), sizes.controls);
         dyndata_init(sizes.areas);
@@ -68,94 +59,87 @@ public:
     // Everything is given back but the record that the string pool keeps for itself.
     void sweep()
     {
+        kept_.clear();
         auto *const texts = static_cast<memm::strings::TextPool *>(memm_getpoolcookie_bypoolid(id(strings)));
         for (const int pool : {nodes, objects, strings, data})
-            for (int i = 0; pool != -1 && i < memm_get_pool_nolock(id(pool))->slot_count; ++i)
+            for (int i = 0; pool != -1 && i < pool_at(id(pool)).slot_count; ++i)
                 for (void *object; (object = memm_getobject_byindex(id(pool), i)) != nullptr &&
                                    (texts == nullptr || object != texts->spare) && memm_free(object) == 0;)
                     ;
     }
 
-    template <class T> T good(const Parameter &p)
+    // --- arguments that make sense, by type ---
+
+    char good(Of<char>, const Parameter &p) { return p.is("escape") ? '\\' : ','; }
+    const char *good(Of<const char *>, const Parameter &p)
     {
-        if constexpr (std::is_same_v<T, char>) {
-            return p.is("escape") ? '\\' : ',';
-        } else if constexpr (std::is_integral_v<T>) {
-            return static_cast<T>(integer(p));
-        } else if constexpr (is_callback<T>) {
-            return Callback<T>::call;
-        } else if constexpr (std::is_same_v<T, const char *>) {
-            return p.is("format") ? "%d and %x"
-                   : p.is("name") ? ""
-                                  : any<const char *>({"", ",", "a, b,c", "17", "no more than this"});
-        } else if constexpr (std::is_same_v<T, const char *const *>) {
-            return texts_;
-        } else if constexpr (std::is_same_v<T, const memm_pooloptions *>) {
-            return &options_;
-        } else if constexpr (std::is_same_v<T, LOCK *>) {
-            return &lock_;
-        } else {
-            using Target = std::remove_const_t<std::remove_pointer_t<T>>;
-            if constexpr (std::is_same_v<Target, dynstr>)
-                return string();
-            else if constexpr (std::is_same_v<Target, dyndata>)
-                return bytes();
-            else if constexpr (std::is_same_v<Target, llist>)
-                return list(p);
-            else if constexpr (std::is_same_v<Target, llist *>)
-                return kept(list(p));
-            else if constexpr (std::is_same_v<Target, void *>)
-                return kept<void *>(p.is("pobj") ? string() : nullptr);
-            else if (std::is_void_v<Target> && !p.is("bytes"))
-                return static_cast<T>(any<void *>({string(), bytes(), memm_calloc(id(objects))}));
-            else
-                return reinterpret_cast<T>(std::strcpy(reinterpret_cast<char *>(scratch_[p.number]), "a=b,c"));
-        }
+        return p.is("format") ? "%d and %x"
+               : p.is("name") ? ""
+                              : any<const char *>({"", ",", "a, b,c", "17", "no more than this"});
+    }
+    const char *const *good(Of<const char *const *>, const Parameter &) { return texts_; }
+    const memm_pooloptions *good(Of<const memm_pooloptions *>, const Parameter &) { return &options_; }
+    auto good(Of<int (*)(const char *, ...)>, const Parameter &) { return silence; }
+    LOCK *good(Of<LOCK *>, const Parameter &) { return &lock_; }
+    dynstr *good(Of<dynstr *>, const Parameter &) { return string(); }
+    dyndata *good(Of<dyndata *>, const Parameter &) { return bytes(); }
+    llist *good(Of<llist *>, const Parameter &p) { return list(p); }
+    llist **good(Of<llist **>, const Parameter &p) { return kept(list(p)); }
+    void **good(Of<void **>, const Parameter &p) { return kept<void *>(p.is("pobj") ? string() : nullptr); }
+    void *good(Of<void *>, const Parameter &p)
+    {
+        return p.is("bytes") ? room(p) : any<void *>({string(), bytes(), memm_calloc(id(objects))});
+    }
+    template <std::integral T> T good(Of<T>, const Parameter &p) { return static_cast<T>(integer(p)); }
+    template <class T> T *good(Of<T *>, const Parameter &p) { return static_cast<T *>(room(p)); }
+    template <class T> const T *good(Of<const T *>, const Parameter &p) { return good(Of<T *>(), p); }
+    template <class R, class... A> auto good(Of<R (*)(A...)>, const Parameter &)  // answers 0 and 1 by turns
+    {
+        return +[](A...) { return static_cast<R>(++turns_ % 2); };
     }
 
-    template <class T> std::vector<T> bad_ones(const Parameter &p)
+    // --- and such as make none ---
+
+    template <std::integral T> std::vector<T> bad_ones(Of<T>, const Parameter &p)
     {
-        if constexpr (is_callback<T>) {
-            return {nullptr};
-        } else if constexpr (std::is_pointer_v<T>) {
-            using Target = std::remove_pointer_t<T>;
-            std::vector<T> all{nullptr};
-            if constexpr (is_object<std::remove_const_t<Target>>)
-                for (void *pointer : p.is("bytes") ? std::vector<void *>{} : wild<std::remove_const_t<Target>>())
-                    all.push_back(static_cast<T>(pointer));
-            else if constexpr (std::is_same_v<T, llist **> || std::is_same_v<T, void **>)
-                for (void *pointer : p.is("cursor") ? std::vector<void *>{} : wild<std::remove_pointer_t<Target>>())
-                    all.push_back(kept<Target>(static_cast<Target>(pointer)));
-            return all;
-        } else {
-            std::vector<T> all;
-            const bool is_room =
-                p.is("size") || (p.is("n") && p.is_of("strncpy"));  // the caller's word for what the destination holds
-            for (const int value : {INT_MIN, -1, 0, 1, 65535, 65536, 1 << 27, INT_MAX, objects, strings, nodes, data})
-                if (is_room ? value >= 0 && value <= 65536
-                            : !(p.is("poolid") && p.is_of("dyndata_c") && value == nodes))
-                    all.push_back(static_cast<T>(value));
-            return all;
-        }
+        std::vector<T> all;
+        const bool is_room =
+            p.is("size") || (p.is("n") && p.is_of("strncpy"));  // the caller's word for what the destination holds
+        for (const int value : {INT_MIN, -1, 0, 1, 65535, 65536, 1 << 27, INT_MAX, objects, strings, nodes, data})
+            if (is_room ? value >= 0 && value <= 65536 : !(p.is("poolid") && p.is_of("dyndata_c") && value == nodes))
+                all.push_back(static_cast<T>(value));
+        return all;
+    }
+    template <class T> std::vector<T *> bad_ones(Of<T *>, const Parameter &p)
+    {
+        std::vector<T *> all{nullptr};
+        if constexpr (is_object<std::remove_const_t<T>>)
+            for (void *pointer : p.is("bytes") ? std::vector<void *>{} : wild())
+                all.push_back(static_cast<T *>(pointer));
+        return all;
+    }
+    template <class T> std::vector<T **> bad_ones(Of<T **>, const Parameter &p)
+    {
+        std::vector<T **> all{nullptr};
+        for (T *pointer : p.is("cursor") ? std::vector<T *>{} : bad_ones(Of<T *>(), p))
+            all.push_back(kept(pointer));
+        return all;
     }
 
 private:
     static inline LOCK lock_;
     static inline const memm_pooloptions options_{};
     static inline const char *const texts_[] = {"a", "b", nullptr};
-    void *kept_[64]{};
-    std::size_t kept_count_ = 0;
+    static inline int turns_ = 0;
+    static int silence(const char *, ...) { return 0; }
+    std::list<void *> kept_;  // what a parameter points to that is a pointer
     alignas(16) unsigned char scratch_[8][70000]{};
 
     static unsigned id(int pool) { return static_cast<unsigned>(pool); }
     template <class T> const T &any(const std::vector<T> &of) { return of[random() % of.size()]; }
-    template <class T> T *kept(T value)
-    {
-        void *&place = kept_[kept_count_++ % 64];
-        place = value;
-        return reinterpret_cast<T *>(&place);
-    }
+    template <class T> T *kept(T value) { return reinterpret_cast<T *>(&kept_.emplace_back(value)); }
 
+    void *room(const Parameter &p) { return std::strcpy(reinterpret_cast<char *>(scratch_[p.number]), "a=b,c"); }
     dynstr *string()
     {
         return dynstr_fromstring(id(strings), any<const char *>({"12", "a,b;c", "00:11:22:33:44:55", "true", "10.0.0.1",
@@ -184,32 +168,34 @@ private:
                                                                    : static_cast<int>(random() % 4);
     }
 
-    // Pointers that are no object of this kind: null is everybody's.
-    template <class T> std::vector<void *> wild()
+    // Pointers of which each is no object of some kind: null is everybody's.
+    std::vector<void *> wild()
     {
-        static char *const hidden =
-            static_cast<char *>(mmap(nullptr, 8192, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        static auto *const hidden =
+            static_cast<char *>(mmap(nullptr, 8192, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) + 4096;
         const auto text = reinterpret_cast<char *>(string()), node = reinterpret_cast<char *>(list({"", "", 0}));
         void *const deleted = string(), *const released = bytes(), *const loose = list({"", "", 0});
         for (void *object : {deleted, released, loose})
             memm_free(object);
-        std::vector<void *> all{deleted, released, loose, text + 1, node + 8, hidden + 4, hidden + 4096};
-        all.push_back(reinterpret_cast<void *>(&std::abort));
-        all.push_back(memm_get_pool_nolock(id(strings)));
+        std::vector<void *> all{deleted, released, loose, bytes(), &pool_at(id(strings))};
+        for (char *other : {text, text + 1, node, node + 8, hidden, reinterpret_cast<char *>(&std::abort)})
+            all.push_back(other);
         for (std::uintptr_t address = 1; address <= 8; ++address)
             all.push_back(reinterpret_cast<void *>(address));
         for (const int pool : {objects, strings, nodes, data})
-            all.push_back(memm_get_pool_nolock(id(pool))->last_item + 4);  // a free slot
-        all.push_back(std::is_same_v<T, dynstr> ? node : text);
-        all.push_back(std::is_same_v<T, dyndata> ? static_cast<void *>(node) : bytes());
+            all.push_back(pool_at(id(pool)).last_item + 4);  // a free slot
         return all;
     }
 };
 
 struct Call {
     std::string name;
-    std::vector<std::function<std::size_t(World &)>> bad_ones;       // of each parameter
-    std::function<void(World &, int parameter, int bad)> operator_;  // with one bad argument, or none
+    std::size_t parameters;
+    // With a bad argument for one parameter, which is the last to be made: what was released for it must not be taken
+    // again for another. False when that parameter has no more bad ones; the call is made all the same.
+    std::function<bool(World &, std::size_t parameter, std::size_t bad)> run_with_bad;
+
+    void run(World &world) const { run_with_bad(world, parameters, 0); }
 };
 
 // --- calls whose arguments no table makes up; a name found here hides the exported one ---
@@ -241,33 +227,38 @@ inline std::vector<Parameter> parameters_of(const char *function, const std::str
     return all;
 }
 
-template <class R, class... P, class F> Call call_of(const char *name, const char *prototype, F run)
+template <class R, class... P, class F> Call call_of(const char *name, const char *prototype, F function)
 {
-    const auto parameters = parameters_of(name, prototype);
-    Call call{name, {}, {}};
-    [&]<std::size_t... I>(std::index_sequence<I...>)
-    {
-        call.bad_ones = {[=](World &world) { return world.bad_ones<P>(parameters[I]).size(); }...};
-        call.operator_ = [=](World &world, int parameter, [[maybe_unused]] int bad) {
-            // The bad one comes last: what was released for it must not be taken again for another.
-            std::tuple<P...> arguments{world.good<P>(parameters[I])...};
-            ((parameter == static_cast<int>(I)
-                  ? void(std::get<I>(arguments) = world.bad_ones<P>(parameters[I])[static_cast<std::size_t>(bad)])
-                  : void()),
-             ...);
-            if constexpr (std::is_pointer_v<R> && !std::is_same_v<R, const char *>) {
-                const R is = run(std::get<I>(arguments)...);
-                using First = std::tuple_element_t<0, std::tuple<P..., int>>;
-                const bool is_refusal = is_object<std::remove_cv_t<std::remove_pointer_t<First>>> && parameter == 0 &&
-                                        bad == 0 && !parameters[0].is_of("todynstr");  // no list is an empty one
-                EXPECT_TRUE(!is_refusal || is == nullptr) << name;
-            } else {
-                run(std::get<I>(arguments)...);
-            }
+    const auto run = [=, parameters = parameters_of(name, prototype)](World &world, std::size_t wrong,
+                                                                      std::size_t bad) {
+        std::size_t place = 0;
+        [[maybe_unused]] const auto good = [&]<class T>(Of<T> type) -> T {
+            return world.good(type, parameters[place++]);
         };
-    }
-    (std::index_sequence_for<P...>{});
-    return call;
+        std::tuple<P...> arguments{good(Of<P>())...};
+        bool is_bad = false;
+        place = 0;
+        const auto spoil = [&]<class T>(T &argument) {
+            if (place++ != wrong)
+                return;
+            const std::vector<T> bad_ones = world.bad_ones(Of<T>(), parameters[wrong]);
+            is_bad = bad < bad_ones.size();
+            argument = is_bad ? bad_ones[bad] : argument;
+        };
+        std::apply([&](P &...each) { (spoil(each), ...); }, arguments);
+        recorder().take_tags();
+        if constexpr (std::is_pointer_v<R> && !std::is_same_v<R, const char *>) {
+            const R is = std::apply(function, arguments);
+            using First = std::remove_pointer_t<std::tuple_element_t<0, std::tuple<P..., int>>>;
+            const bool is_null = is_object<std::remove_cv_t<First>> && wrong == 0 && bad == 0;
+            const bool makes_text = parameters[0].is_of("todynstr");  // no list is an empty one
+            EXPECT_TRUE(!is_null || is == nullptr || makes_text) << name;
+        } else {
+            std::apply(function, arguments);
+        }
+        return is_bad;
+    };
+    return {name, sizeof...(P), run};
 }
 template <class R, class... P> Call make_call(const char *name, const char *prototype, R (*function)(P...))
 {

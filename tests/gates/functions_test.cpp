@@ -3,9 +3,6 @@
 #include "gates/children.h"
 #include "support/file_calls.h"
 
-#include <cerrno>
-#include <csignal>
-
 namespace {
 
 using namespace gates;
@@ -13,7 +10,7 @@ using namespace gates;
 TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
 {
     const OwnFolder folder;
-    const int rounds = std::max(1, scaled(3));
+    const auto rounds = static_cast<unsigned>(std::max(1, scaled(3)));
     recorder().largest_block = 1 << 24;
     recorder().allow_reports();
     Children children;
@@ -21,13 +18,13 @@ TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
         if (!children.fork(call.name))
             continue;
         static World world({});
-        for (std::size_t i = 0; i < call.bad_ones.size(); ++i)
-            for (std::size_t bad = 0, count = call.bad_ones[i](world); bad < count; ++bad)
-                for (int round = 0; round < rounds; ++round) {
-                    call.operator_(world, static_cast<int>(i), static_cast<int>(bad));
-                    world.sweep();
-                    recorder().forget();
-                }
+        bool is_bad = true;
+        for (std::size_t parameter = 0; parameter < call.parameters; ++parameter)
+            for (std::size_t n = 0; n == 0 || is_bad; ++n) {
+                is_bad = call.run_with_bad(world, parameter, n / rounds);
+                world.sweep();
+                recorder().forget();
+            }
         children.end();
     }
     EXPECT_EQ(children.end(), "");
@@ -47,7 +44,7 @@ void run_script(const Sizes &sizes)
     memm_calloc(empty);
     int count = 0;
     for (const Call &call : calls()) {
-        call.operator_(world, -1, -1);
+        call.run(world);
         if (++count % 3 != 0 && reports_left-- > 0)
             memm_calloc(empty), raise(count % 2 == 0 ? SIGUSR1 : SIGUSR2);
         world.sweep();
@@ -61,11 +58,7 @@ constexpr int kForkShare = 20;  // percent: forks are dear there
 constexpr int kForkShare = 100;
 #endif
 
-struct Way {
-    Op op;
-    int code;
-};
-constexpr Way kWays[] = {
+constexpr std::pair<Op, int> kWays[] = {
     {Op::alloc, 7},           {Op::alloc, kNullBlock}, {Op::alloc, kMisaligned}, {Op::getmem, 7},
     {Op::getmem, kNullBlock}, {Op::retmem, 7},         {Op::create, 7},          {Op::take, 7},
     {Op::open, EACCES},       {Op::fstat, EIO},        {Op::ftruncate, EIO},     {Op::write, kShort},
@@ -79,24 +72,19 @@ TEST(faults, at_every_call_of_the_platform_leave_pools_that_work)
     Children children;
     const int stride = std::max(1, 100 / std::max(1, scaled(kForkShare)));
     int points = 0;
-    const Way *met = nullptr;  // in a child
-    bool always = false;
-    unsigned later = 0;
     fault = [&](Op op) {
-        if (met != nullptr)  // an interruption that never ends would be one
-            return always && met->op == op && (met->code != EINTR || ++later % 2 == 0) ? met->code : 0;
-        for (const Way &way : kWays)
-            for (const bool for_ever : {false, true}) {
-                if (way.op != op || points++ % stride != 0)
-                    continue;
-                if (children.fork(text("fault point %d: operation %d, code %d, for ever %d", points,
-                                       static_cast<int>(op), way.code, for_ever))) {
-                    met = &way;
+        for (const auto &[met, code] : kWays)
+            for (const bool for_ever : {false, true})
+                if (met == op && points++ % stride == 0 &&
+                    children.fork(text("fault point %d: operation %d, code %d, for ever %d", points,
+                                       static_cast<int>(op), code, for_ever))) {
                     reports_left = 4;  // they take the most of the time
-                    always = for_ever;
-                    return way.code;
+                    // An interruption that never ends would be one.
+                    fault = [=, met = met, code = code, later = 0](Op next) mutable {
+                        return for_ever && next == met && (code != EINTR || ++later % 2 == 0) ? code : 0;
+                    };
+                    return code;
                 }
-            }
         return 0;
     };
     run_script({});

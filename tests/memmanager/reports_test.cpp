@@ -6,17 +6,12 @@
 #include <memmanager/platform.h>
 #include <memmanager/timestat.h>
 #include <algorithm>
-#include <type_traits>
+#include <cstring>
 
 namespace {
 
 // Slots of 16 bytes for both word sizes.
-unsigned make_small_pool(const char *name, int count, const memm_pooloptions &options = {})
-{
-    return make_pool(name, count, 12, options);
-}
-
-unsigned long address(void *object) { return reinterpret_cast<unsigned long>(object); }
+constexpr int kSmall = 12;
 
 template <class... Arguments> std::string printed(void (*report)(Arguments...), std::type_identity_t<Arguments>... of)
 {
@@ -38,17 +33,15 @@ memm_pooloptions with_outside_bytes()
 
 TEST(statistics, rows_and_totals_to_the_last_character)
 {
-    const unsigned plain = make_small_pool("r_plain", 10), full = make_small_pool("r_full", 2, with_outside_bytes()),
-                   based = make_small_pool("r_based", 20);
-    make_small_pool("r_a name longer than any column", 1);
-    void *const shared = memm_calloc(plain), *const first = memm_calloc(full);
+    const unsigned plain = make_pool("r_plain", 10, kSmall), based = make_pool("r_based", 20, kSmall),
+                   full = make_pool("r_full", 2, kSmall, with_outside_bytes());
+    make_pool("r_a name longer than any column", 1, kSmall);
+    void *const shared = memm_calloc(plain);
     memm_free(memm_calloc(plain));
-    for (int i = 0; i < 3; ++i)
-        memm_refalloc(shared);
+    memm_refalloc(shared), memm_refalloc(shared), memm_refalloc(shared);
     memm_free(shared);
-    memm_calloc(full);
-    EXPECT_EQ(memm_calloc(full), nullptr);
-    memm_free(first);
+    memm_calloc(full), memm_calloc(full), memm_calloc(full);
+    memm_free(memm_getfirst(full));
     int base = 10;
     memm_get_currentcount_ptr(based, &base, nullptr);
     for (int i = 0; i < 12; ++i)
@@ -59,8 +52,8 @@ TEST(statistics, rows_and_totals_to_the_last_character)
  pool name                 count: cur,max,avail   bytes: cur,max,avail  (max.%)   ref cur,max,avail |
  ---------                 --------------------   -----------------------------   ----------------- |
  r_plain                        1,     2,    10       16,    32,   160  (  20%)       2,    3,    -  |
- r_full                         1,     2,     2       16,    32,    32  (>100%)       0,    0,    -  +outside|
  r_based                        2,     3,    20       32,    48,   320  (  15%)       0,    0,    -  |
+ r_full                         1,     2,     2       16,    32,    32  (>100%)       0,    0,    -  +outside|
  r_a name longer than any column      0,     0,     1        0,     0,    16  (   0%)       0,    0,    -  |
  ----------------------                           ----------------------------  |
  Total usage                                        1064,  2112,  4528  (  46%)|
@@ -69,7 +62,7 @@ TEST(statistics, rows_and_totals_to_the_last_character)
     EXPECT_EQ(printed(memm_print_stats, "r_"), expected);
     memm_print_stats2("r_", trc_def_printf);
     EXPECT_EQ(recorder().take_trace(), expected);
-    EXPECT_EQ(recorder().take_tags(), (std::vector<std::string>{"memm_print_stats", "memm_print_stats"}));
+    EXPECT_EQ(recorder().take_tags(), "memm_print_stats memm_print_stats ");
 }
 
 TEST(object_listing, shows_what_level_and_filter_let_through)
@@ -79,43 +72,39 @@ TEST(object_listing, shows_what_level_and_filter_let_through)
     options.filter_cb = [](void *object, int level) {
         return static_cast<int>(*static_cast<int *>(object) % 2 == 0 || level == 4);
     };
-    const unsigned pool = make_small_pool("l_pool", 8, options);
-    make_small_pool("l_a name of twenty-seven ch", 1);
-    int *objects[4];
+    const unsigned pool = make_pool("l_pool", 8, kSmall, options);
+    make_pool("l_a name of twenty-seven ch", 1);
+    void *objects[4];
     std::string names[4];
     for (int i = 0; i < 4; ++i) {
-        objects[i] = static_cast<int *>(memm_calloc(pool));
-        *objects[i] = i;
+        std::memcpy(objects[i] = memm_calloc(pool), &i, sizeof i);
         names[i] = text("%u.l_pool.%d.0x%08lx", pool, i, address(objects[i]));
     }
-    memm_refalloc(objects[2]);
-    memm_refalloc(objects[2]);
     memm_free(objects[1]);
-    header_of(objects[2]) |= 0x800000;
+    header_of(objects[2]) += 0x2800000;  // two more holders, and the tag
 
-    const std::string even = " " + names[0] + " = 0\r\n", odd = " " + names[3] + " = 3\r\n";
-    const std::string tagged = " " + names[2] + ".[3 refs].[tagged] = 2\r\n";
+    const std::string even = " " + names[0] + " = 0\r\n", odd = " " + names[3] + " = 3\r\n",
+                      tagged = " " + names[2] + ".[3 refs].[tagged] = 2\r\n",
+                      head = "l_pool....................usage cur/max/avail (max.%): 3/4/8 (50%)+outside\r\n";
     for (const auto &[level, listed] : {std::pair{0, even}, {4, even + odd}, {2, tagged}, {6, tagged}})
-        EXPECT_EQ(printed(memm_print_objects2, "l_", level),
-                  "l_pool....................usage cur/max/avail (max.%): 3/4/8 (50%)+outside\r\n" + listed + lines(R"(
+        EXPECT_EQ(printed(memm_print_objects2, "l_", level), head + listed + lines(R"(
 |
 l_a name of twenty-seven chusage cur/max/avail (max.%): 0/0/1 (0%)|
 |
 |
 )"));
     pool_at(pool).cur_count = 7;
-    EXPECT_EQ(printed(memm_print_objects, "l_pool"),
-              "l_pool....................usage cur/max/avail (max.%): 7/4/8 (50%)+outside\r\n" + even +
-                  "\r\n[MEMM] ERROR: actual object count (3) differs from pool count (7)\r\n\r\n");
+    EXPECT_EQ(printed(memm_print_objects, "l_pool").substr(head.size()),
+              even + "\r\n[MEMM] ERROR: actual object count (3) differs from pool count (7)\r\n\r\n");
     EXPECT_EQ(printed(memm_printobject, objects[3], 0), names[3]);
     EXPECT_EQ(printed(memm_printobject, nullptr, 1), "0x0: null");
-    for (void *const bad : {reinterpret_cast<void *>(5), static_cast<void *>(objects[1])})
+    for (void *const bad : {reinterpret_cast<void *>(5), objects[1]})
         EXPECT_EQ(printed(memm_printobject, bad, 1), text("?.?.?.0x%08lx: invalid object", address(bad)));
 }
 
 TEST(integrity, findings_are_traced_slot_by_slot_and_change_nothing)
 {
-    const unsigned id = make_small_pool("i_pool", 5);
+    const unsigned id = make_pool("i_pool", 5, kSmall);
     memm_pool &pool = pool_at(id);
     void *const objects[] = {memm_calloc(id), memm_calloc(id), memm_calloc(id)};
     const auto traced = [](int level = 2) {
@@ -133,9 +122,9 @@ TEST(integrity, findings_are_traced_slot_by_slot_and_change_nothing)
     EXPECT_EQ(traced(), below + below);
     EXPECT_EQ(traced(1), "");
     header_of(objects[1]) ^= 1;
-    const std::string wrong = text("[MEMM] integrity check failed: invalid poolid: %u.i_pool.1.0x%08lx\r\n", id,
-                                   address(&header_of(objects[1])));
-    EXPECT_EQ(traced(1) + traced(0), wrong);
+    const unsigned long header = address(&header_of(objects[1]));
+    EXPECT_EQ(traced(1) + traced(0),
+              text("[MEMM] integrity check failed: invalid poolid: %u.i_pool.1.0x%08lx\r\n", id, header));
 }
 
 TEST(timing_report, shows_the_counters_by_path)
@@ -147,7 +136,6 @@ TEST(timing_report, shows_the_counters_by_path)
     std::copy(std::begin(paths), std::end(paths), pool.alloc_count);
     pool.alloc_time[MEMM_PATH_TOTAL] = 4294967295U, pool.alloc_time_max[MEMM_PATH_TOTAL] = 1001;
     pool.free_count = 3, pool.free_time = 9, pool.scan_steps = 100000009;
-    recorder().set_clock(0, 0, 1);
     EXPECT_EQ(printed(memm_print_timestats, "t_"), lines(R"(
  pool name                  alloc cnt: total/avg/max (msec)     |
  ---------                  ------------------------------      |
@@ -163,18 +151,16 @@ TEST(timing_report, shows_the_counters_by_path)
 +outsideTime for 1000 elapsed measurements: 2.001 msec|
 )"));
     timestat watch{};
-    recorder().set_clock(10, 999999, 3);
-    EXPECT_TRUE(timestat_starttime(&watch) == 0 && timestat_stoptime(&watch) == 0 && timestat_elapstime(&watch) == 3);
-    recorder().set_clock(10, 999998);
-    EXPECT_TRUE(timestat_stoptime(&watch) == 0 && timestat_elapstime(&watch) == 0);
+    for (const auto &[started, stopped, elapsed] : {std::tuple{10999999, 11000002, 3U}, {10999999, 10999998, 0U}}) {
+        recorder().clock_us = started;
+        timestat_starttime(&watch);
+        recorder().clock_us = stopped;
+        EXPECT_TRUE(timestat_stoptime(&watch) == 0 && timestat_elapstime(&watch) == elapsed);
+    }
     EXPECT_EQ(recorder().take_trace(), "[MEMM] Elapsed time error: starttime(10,999999) > stoptime(10,999998)\r\n");
 }
 
 // --- locks ---
-
-struct Registered : LOCK {
-    explicit Registered(const char *its_name) : LOCK{} { EXPECT_EQ(lock_initlock(this, its_name), 0); }
-};
 
 std::string state(const LOCK &lock)
 {
@@ -184,7 +170,8 @@ std::string state(const LOCK &lock)
 
 TEST(locks, count_holds_and_wait_as_long_as_it_takes)
 {
-    Registered lock("busy");
+    LOCK lock{};
+    lock_initlock(&lock, "busy");
     EXPECT_TRUE(lock_lock(&lock, 99, "tag") == 1 && lock_lock(&lock, 99, "tag") == 2);
     EXPECT_TRUE(lock_unlock(&lock) == 0 && lock.depth == 1 && lock_unlock(&lock) == 0);
     EXPECT_NE(lock_unlock(&lock), 0) << "the platform's answer";
@@ -192,20 +179,16 @@ TEST(locks, count_holds_and_wait_as_long_as_it_takes)
     // Timed out twice, then taken; once, then taken; then an error, traced as the switches say.
     lock.depth = 0;
     const std::string timed_out = "[busy] --- Task[TEST](waiter) --- Lock timeout. Active Task[----]. Retrying...\r\n";
-    const struct {
-        std::vector<int> answers;
-        const char *filter;
-        int result;
-        std::string traced;
-    } attempts[] = {{{6, 6, 6, 0}, "BUS", 1, timed_out + timed_out},
-                    {{6, 6, 0}, "other", 2, ""},
-                    {{6, 77}, "", 0, "mutex lock error (busy)"}};
-    recorder().set_clock(100, 999999, 1500);  // two readings a wait
-    for (const auto &attempt : attempts) {
-        fault = [&, next = std::size_t{0}](Op op) mutable { return op == Op::take ? attempt.answers.at(next++) : 0; };
-        lock_settrace(attempt.filter, 2);
-        EXPECT_EQ(lock_lock(&lock, 0, "waiter"), attempt.result);
-        EXPECT_EQ(recorder().take_trace(), attempt.traced);
+    const std::tuple<std::vector<int>, const char *, int, std::string> attempts[] = {
+        {{6, 6, 6, 0}, "BUS", 1, timed_out + timed_out},
+        {{6, 6, 0}, "other", 2, ""},
+        {{6, 77}, "", 0, "mutex lock error (busy)"}};
+    recorder().clock_us = 100999999, recorder().clock_step_us = 1500;  // two readings a wait
+    for (const auto &[answers, filter, result, traced] : attempts) {
+        fault = [&answer = answers, next = 0U](Op op) mutable { return op == Op::take ? answer.at(next++) : 0; };
+        lock_settrace(filter, 2);
+        EXPECT_EQ(lock_lock(&lock, 0, "waiter"), result);
+        EXPECT_EQ(recorder().take_trace(), traced);
     }
     EXPECT_EQ(state(lock), "---- -1, depth 2, 4 takes, 2 waits of 3000 us, at most 1500");
     recorder().fail_nth(Op::create, 1, 77);
@@ -214,7 +197,9 @@ TEST(locks, count_holds_and_wait_as_long_as_it_takes)
 
 TEST(locks, table_shows_and_clears_the_records)
 {
-    Registered idle("idle"), held("a name of more than thirteen"), unnamed(nullptr);
+    LOCK idle{}, held{}, unnamed{};
+    lock_initlock(&idle, "idle"), lock_initlock(&held, "a name of more than thirteen");
+    lock_initlock(&unnamed, nullptr);
     lock_lock(&held, 0, "x");
     held.total_wait = held.max_wait = 1500, held.wait_count = 1;
     unnamed.wait_count = 3000000000U, unnamed.max_wait = 4294966000U;

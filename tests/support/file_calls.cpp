@@ -1,14 +1,12 @@
 #include "support/file_calls.h"
 
 #include <cerrno>
-#include <charconv>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
@@ -17,7 +15,9 @@ std::atomic<unsigned> dumps_opened{0};
 namespace {
 
 char folder[64];  // empty: paths are left alone
-std::atomic<bool> is_own[1024];
+std::atomic<bool> own_files[1024];
+
+std::atomic<bool> &is_own(int file) { return own_files[static_cast<unsigned>(file) % std::size(own_files)]; }
 
 struct RealPath {
     char text[256] = "";
@@ -34,12 +34,11 @@ struct RealPath {
 
 int fault_on(bool own, Op op)
 {
-    const int code = own ? fault_of(op) : 0;
+    const bool is_refused = op == Op::open && file_faults.open_error != 0;
+    const int code = !own ? 0 : is_refused ? file_faults.open_error : fault_of(op);
     errno = code > 0 ? code : errno;
     return code;
 }
-
-int fault_on(int file, Op op) { return fault_on(file >= 0 && file < 1024 && is_own[file], op); }
 
 }  // namespace
 
@@ -69,9 +68,16 @@ std::string content_of(const std::string &path)
     return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "-";
 }
 
-void write_file(const std::string &path, const std::string &content)
+void write_file(const std::string &path, const std::string &content) { std::ofstream(path) << content; }
+
+bool complains(const std::string &report)
 {
-    std::ofstream(path, std::ios::binary) << content;
+    return report.find("ERROR") != report.npos || report.find("failed") != report.npos;
+}
+
+bool is_whole_report(const std::string &report)
+{
+    return report.starts_with("\r\n\r\nReason: SIGUSR") && report.ends_with("%)\r\n\r\n") && !complains(report);
 }
 
 // --- the calls; each does its work by another one that the library does not use ---
@@ -85,14 +91,9 @@ int open(const char *name, int flags, ...)
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     const RealPath path(name);
-    if (path.is_own && file_faults.open_error != 0)
-        return errno = file_faults.open_error, -1;
-    if (fault_on(path.is_own, Op::open) != 0)
-        return -1;
-    const int file = openat(AT_FDCWD, path.text, flags, mode);
-    if (file >= 0 && file < 1024)
-        is_own[file] = path.is_own;
-    if (file >= 0 && path.is_own && (flags & O_ACCMODE) == O_WRONLY)
+    const int file = fault_on(path.is_own, Op::open) != 0 ? -1 : openat(AT_FDCWD, path.text, flags, mode);
+    is_own(file) = path.is_own && file >= 0;
+    if (is_own(file) && (flags & O_ACCMODE) == O_WRONLY)
         ++dumps_opened;
     return file;
 }
@@ -101,27 +102,25 @@ int unlink(const char *name) noexcept { return unlinkat(AT_FDCWD, RealPath(name)
 
 int fstat(int file, struct stat *status) noexcept
 {
-    return fault_on(file, Op::fstat) != 0 ? -1 : fstatat(file, "", status, AT_EMPTY_PATH);
+    return fault_on(is_own(file), Op::fstat) != 0 ? -1 : fstatat(file, "", status, AT_EMPTY_PATH);
 }
 
 int ftruncate(int file, off_t length) noexcept
 {
-    char name[32] = "/proc/self/fd/";
-    *std::to_chars(name + std::strlen(name), std::end(name), file).ptr = '\0';
-    return fault_on(file, Op::ftruncate) != 0 ? -1 : truncate(name, length);
+    const int code = fault_on(is_own(file), Op::ftruncate);
+    return code != 0 ? -1 : static_cast<int>(syscall(SYS_ftruncate, file, static_cast<long>(length)));
 }
 
 ssize_t write(int file, const void *bytes, size_t count)
 {
-    const int code = fault_on(file, Op::write);
+    const int code = fault_on(is_own(file), Op::write);
     return code > 0 ? -1 : syscall(SYS_write, file, bytes, code == kShort ? size_t{1} : count);
 }
 
 int close(int file)
 {
-    const int code = fault_on(file, Op::close);
-    if (file >= 0 && file < 1024)
-        is_own[file] = false;
+    const int code = fault_on(is_own(file), Op::close);
+    is_own(file) = false;
     return syscall(SYS_close, file) != 0 || code != 0 ? -1 : 0;
 }
 }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 
 // Stands between the library and the files that it names: /etc/config/*, /tmp/memm_dump_* and /var/tmp/memm_* lead into
@@ -22,10 +23,19 @@ public:
 };
 
 std::string content_of(const std::string &path);  // "-" when there is no such file
+bool complains(const std::string &report);
+bool is_whole_report(const std::string &report);  // of a signal, its last line a percentage; it does not complain
 void write_file(const std::string &path, const std::string &content);
 
 inline struct FileFaults {
     int open_error = 0;
 } file_faults;  // whatever fault() says, and without a folder too
+
+inline int status_of(pid_t child)  // when it has ended
+{
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
 
 extern std::atomic<unsigned> dumps_opened;  // how often a dump file was opened for writing

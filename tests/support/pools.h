@@ -1,23 +1,38 @@
 #pragma once
 
-#include <memmanager/memmanager.h>
+#include <memmanager/strlist.h>
 #include <csignal>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <tuple>
 #include <vector>
 
-// Makes a pool in a manager that is started by the first call.
+// Pools of each kind, in a manager that is started by the first call.
+inline unsigned make_any_pool(const std::function<int()> &make)
+{
+    static const int started = memm_init(40, 20);
+    EXPECT_EQ(started, 0);
+    const int id = make();
+    EXPECT_GT(id, 0);
+    return static_cast<unsigned>(id);
+}
 inline unsigned make_pool(const char *name, int count, int size = 24, const memm_pooloptions &options = {})
 {
-    static const int started = memm_init(40, 4);
-    EXPECT_EQ(started, 0);
-    const int id = memm_initpool(name, count, size, &options);
-    EXPECT_GT(id, 0) << name;
-    return static_cast<unsigned>(id);
+    return make_any_pool([&] { return memm_initpool(name, count, size, &options); });
+}
+inline unsigned make_strings(unsigned bytes = 4000, int buffers = 2, int count = 50)
+{
+    return make_any_pool([=] { return dynstr_initpool2("", count, bytes, buffers); });
+}
+inline int make_nodes(int count)
+{
+    return static_cast<int>(make_any_pool([=] { return llist_initpool("", count, sizeof(llist), nullptr); }));
 }
 
 inline memm_pool &pool_at(unsigned id) { return *memm_get_pool_nolock(id); }
+
+inline unsigned long address(const void *object) { return reinterpret_cast<unsigned long>(object); }
 
 inline unsigned &header_of(void *object) { return static_cast<unsigned *>(object)[-1]; }
 
@@ -34,8 +49,7 @@ inline auto figures(unsigned id)
 inline std::string lines(const std::string &picture)
 {
     std::string report;
-    for (const char c : picture.substr(1)) {
-        report.append(c == '|' ? "\r" : std::string(1, c));
-    }
+    for (const char c : picture.substr(1))
+        report += c == '|' ? '\r' : c;
     return report;
 }

@@ -5,20 +5,14 @@
 #include <memmanager/platform.h>
 
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <unistd.h>
-#include <utility>
 
 namespace {
 
-// What the library does not clear itself must not look as if it had.
-constexpr int kDirt = 0xa5;
-
 memm::FutexLock manager_lock;
-thread_local unsigned own_depth = 0;
+memm::FutexLock mutexes[2000];  // by handle, which is an index above 0
+std::atomic<unsigned> mutex_count{1};
 
 std::string format_text(const char *format, va_list arguments)
 {
@@ -29,21 +23,9 @@ std::string format_text(const char *format, va_list arguments)
     return result;
 }
 
-// By handle, which is an index above 0.
-memm::FutexLock mutexes[2000];
-std::atomic<unsigned> mutex_count{1};
-
-memm::FutexLock &mutex_of(unsigned handle) { return mutexes[handle % std::size(mutexes)]; }
-
-void append(std::string &channel, const std::string &more)
-{
-    const std::lock_guard guard(recorder().mutex_);
-    channel += more;
-}
-
 int capture_debug(const char *format, va_list arguments)
 {
-    append(recorder().debug_, format_text(format, arguments));
+    recorder().add(recorder().debug_, format_text(format, arguments));
     return 0;
 }
 
@@ -60,19 +42,16 @@ unsigned get_block(Op op, unsigned size, void **block)
     const int code = size > recorder().largest_block ? 12 : fault_of_next(op);
     if (code > 0)
         return static_cast<unsigned>(code);
-    const std::lock_guard guard(recorder().mutex_);
     *block = nullptr;
     if (code == kNullBlock)
         return 0;
+    const std::lock_guard guard(recorder().mutex_);
     const std::size_t lead = code == kMisaligned ? 4 : 0;
     auto *const memory = static_cast<unsigned char *>(std::malloc(size + lead));
     if (memory == nullptr)
         return 12;
-    std::memset(memory, kDirt, size + lead);
-    if (op == Op::alloc)
-        recorder().blocks_.push_back(memory);
-    else
-        recorder().outside_.insert(memory);
+    std::memset(memory, 0xa5, size + lead);  // what the library does not clear itself must not look as if it had
+    (op == Op::alloc ? recorder().inside_ : recorder().outside_).insert(memory);
     *block = memory + lead;
     return 0;
 }
@@ -82,7 +61,6 @@ class Listener : public testing::EmptyTestEventListener {
     {
         fault = nullptr;
         EXPECT_EQ(recorder().depth_, 0U) << "the manager lock was left taken";
-        EXPECT_FALSE(recorder().stray_release_.exchange(false)) << "V by a task that did not hold the manager lock";
         EXPECT_EQ(dbg_vprintf_cb, &capture_debug) << "the sink of dbg_printf was left redirected";
         const std::string reports = recorder().take_trace() + recorder().take_errors();
         EXPECT_EQ(std::exchange(recorder().reports_allowed_, false) ? "" : reports, "")
@@ -120,19 +98,9 @@ void Recorder::forget()
     take_tags(), take_allocations();
 }
 
-void Recorder::fail_nth(Op op, unsigned n, unsigned code, Fault, unsigned repeated)
+void Recorder::fail_nth(Op op, unsigned n, int code)
 {
-    fault = [=, number = 0U](Op asked) mutable {
-        number += asked == op ? 1 : 0;
-        return n != 0 && asked == op && number >= n && number < n + repeated ? static_cast<int>(code) : 0;
-    };
-}
-
-void Recorder::set_clock(unsigned seconds, unsigned microseconds, unsigned step_us)
-{
-    const std::lock_guard guard(mutex_);
-    now_us_ = seconds * 1000000ULL + microseconds;
-    step_us_ = step_us;
+    fault = [=, number = 0U](Op asked) mutable { return asked == op && ++number == n ? code : 0; };
 }
 
 // --- the operations ---
@@ -141,10 +109,7 @@ extern "C" {
 
 unsigned xm_alloc(const char *label, int option, unsigned size, void **block)
 {
-    {
-        const std::lock_guard guard(recorder().mutex_);
-        recorder().allocations_.push_back({label, option, size});
-    }
+    recorder().add(recorder().allocations_, text("%s %d %u;", label, option, size));
     return get_block(Op::alloc, size, block);
 }
 
@@ -170,28 +135,25 @@ unsigned xmu_p(unsigned handle, int mode, int timeout)
 {
     if (const int code = fault_of_next(Op::take); code != 0)
         return static_cast<unsigned>(code);
-    memm::FutexLock &lock = mutex_of(handle);
+    memm::FutexLock &lock = mutexes[handle % std::size(mutexes)];
     return (mode == 1 ? lock.try_take() : lock.take_for(timeout)) ? 0 : 6;
 }
 
-unsigned xmu_v(unsigned handle) { return mutex_of(handle).release() ? 0 : 1; }
+unsigned xmu_v(unsigned handle) { return mutexes[handle % std::size(mutexes)].release() ? 0 : 1; }
 
 void P(const char *tag)
 {
+    const bool is_nested = manager_lock.is_mine();
     manager_lock.take();
     ++recorder().depth_;
-    if (own_depth++ == 0) {
-        const std::lock_guard guard(recorder().mutex_);
-        recorder().tags_.emplace_back(tag);
-    }
+    if (!is_nested)
+        recorder().add(recorder().tags_, std::string(tag) + " ");
 }
 
 void V(void)
 {
-    if (!manager_lock.is_mine())
-        recorder().stray_release_ = true;
-    else
-        --own_depth, --recorder().depth_, manager_lock.release();
+    --recorder().depth_;
+    EXPECT_TRUE(manager_lock.release()) << "V by a task that did not hold the manager lock";
 }
 
 unsigned vemo_t_ident(int, int, int *id)
@@ -208,10 +170,9 @@ unsigned xt_getname(int id, char *name)
 
 void xtm_gettimestamp(unsigned *seconds, unsigned *microseconds)
 {
-    const std::lock_guard guard(recorder().mutex_);
-    *seconds = static_cast<unsigned>(recorder().now_us_ / 1000000);
-    *microseconds = static_cast<unsigned>(recorder().now_us_ % 1000000);
-    recorder().now_us_ += recorder().step_us_;
+    const unsigned long long now = recorder().clock_us.fetch_add(recorder().clock_step_us);
+    *seconds = static_cast<unsigned>(now / 1000000);
+    *microseconds = static_cast<unsigned>(now % 1000000);
 }
 
 int (*dbg_vprintf_cb)(const char *format, va_list arguments) = capture_debug;
@@ -229,15 +190,15 @@ int trc_def_printf(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    append(recorder().trace_, format_text(format, arguments));
+    recorder().add(recorder().trace_, format_text(format, arguments));
     va_end(arguments);
     return 0;
 }
 
 int err_printf(unsigned code, int severity, const char *module, const char *file, int line, const char *message)
 {
-    append(recorder().errors_,
-           text("0x%05x %d %s %s%s: %s\n", code, severity, module, file, line > 0 ? "" : " (no line)", message));
+    recorder().add(recorder().errors_, text("0x%05x %d %s %s%s: %s\n", code, severity, module, file,
+                                            line > 0 ? "" : " (no line)", message));
     return 0;
 }
 }

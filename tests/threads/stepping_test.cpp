@@ -5,12 +5,9 @@
 #include "support/pools.h"
 #include "support/rounds.h"
 
-#include <memmanager/dynstring.h>
 #include <memmanager/platform.h>
-#include <sys/wait.h>
 #include <thread>
 #include <ucontext.h>
-#include <vector>
 
 // Sanitizers multiply the instructions, and their own run in between.
 #if (defined(__x86_64__) || defined(__i386__)) && !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
@@ -55,10 +52,9 @@ void on_step(int, siginfo_t *, void *context)
     if (is_stepping != 0 && is_of_interest(registers[kPosition])) {
         const int signal = ++positions % 2 == 0 ? SIGUSR1 : SIGUSR2;
         const pid_t copy = _Fork();
-        int status = -1;
         if (copy == 0)
             in_copy(signal);
-        else if (waitpid(copy, &status, 0) != copy || status != 0)
+        else if (const int status = status_of(copy); status != 0)
             is_stepping = 0, ADD_FAILURE() << "status " << status << " after " << positions << " positions";
     }
     registers[REG_EFL] = is_stepping != 0 ? registers[REG_EFL] | kTrapFlag : registers[REG_EFL] & ~kTrapFlag;
@@ -89,10 +85,9 @@ void go_through_slots(unsigned pool)
     void *all[400], *const first = memm_calloc(pool);
     for (int i = 1; i < filled; ++i)
         all[i] = memm_calloc(pool);
-    for (const int i : {filled / 2, filled - 2, 1, filled - 1})
-        give_back(all[i]);
     EXPECT_EQ(stepped([=] { return memm_refalloc(first); }), first);
-    give_back(first);
+    for (void *const object : {all[filled / 2], all[filled - 2], all[1], all[filled - 1], first})
+        give_back(object);
     for (const int i : {1, filled - 2, filled - 1, filled / 2})
         EXPECT_EQ(stepped([=] { return memm_calloc(pool); }), all[i]);
     for (int i = 1; i < filled; ++i)
@@ -124,22 +119,18 @@ void step_through_the_script()
 {
     const OwnFolder folder;
     folder.order("stats\n");
-    const unsigned few = make_pool("few", 12), many = make_pool("many", 400);
-    const auto texts = static_cast<unsigned>(dynstr_initpool2("texts", 12, 300, 2));
     seen.resize(static_cast<std::size_t>(&etext - &__executable_start));
     struct sigaction action {};
     action.sa_sigaction = on_step;
     action.sa_flags = SA_SIGINFO;
     sigaction(SIGTRAP, &action, nullptr);
-    go_through_slots(few);
-    go_through_slots(many);
-    go_through_texts(texts);
+    go_through_slots(make_pool("few", 12));
+    go_through_slots(make_pool("many", 400));
+    go_through_texts(make_strings(300, 2, 12));
     if (sent != 0) {
         std::thread([] { memm_lock("second"), memm_unlock(); }).join();
         const std::string report = content_of(sent == SIGUSR1 ? folder.usage_path() : folder.contents_path());
-        EXPECT_TRUE(report.starts_with("\r\n\r\nReason: SIGUSR") && report.ends_with("%)\r\n\r\n") &&
-                    report.find("ERROR") == report.npos && report.find("failed") == report.npos)
-            << report;
+        EXPECT_TRUE(is_whole_report(report)) << report;
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
     std::printf("%d positions\n", positions);
@@ -150,12 +141,11 @@ TEST(a_signal_at_every_instruction, is_answered_beside_nobody) { step_through_th
 
 TEST(a_signal_at_every_instruction, is_answered_beside_another_thread)
 {
-    std::atomic<bool> done{false};
-    std::thread other([&] { done.wait(false); });
+    const std::jthread other([](const std::stop_token &end) {
+        while (!end.stop_requested())
+            usleep(1000);
+    });
     step_through_the_script();
-    done = true;
-    done.notify_all();
-    other.join();
 }
 
 }  // namespace

@@ -1,0 +1,10 @@
+# GoogleTest as the target gtest_main: the installed one, or its source where the target is not this machine.
+include(GoogleTest)
+if(CMAKE_CROSSCOMPILING)
+    set(INSTALL_GTEST OFF)
+    add_subdirectory(/usr/src/googletest/googletest googletest EXCLUDE_FROM_ALL SYSTEM)
+    set_target_properties(gtest gtest_main PROPERTIES COMPILE_WARNING_AS_ERROR OFF)
+else()
+    find_package(GTest REQUIRED)
+    add_library(gtest_main ALIAS GTest::gtest_main)
+endif()
