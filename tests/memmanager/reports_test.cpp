@@ -171,6 +171,7 @@ std::string state(const LOCK &lock)
 TEST(locks, count_holds_and_wait_as_long_as_it_takes)
 {
     LOCK lock{};
+    pthread_setname_np(pthread_self(), "TEST and more");
     lock_initlock(&lock, "busy");
     EXPECT_TRUE(lock_lock(&lock, 99, "tag") == 1 && lock_lock(&lock, 99, "tag") == 2);
     EXPECT_TRUE(lock_unlock(&lock) == 0 && lock.depth == 1 && lock_unlock(&lock) == 0);

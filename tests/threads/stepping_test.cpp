@@ -6,6 +6,7 @@
 #include "support/rounds.h"
 
 #include <memmanager/platform.h>
+#include <set>
 #include <thread>
 #include <ucontext.h>
 
@@ -26,15 +27,12 @@ constexpr greg_t kTrapFlag = 0x100;
 volatile sig_atomic_t is_stepping, sent;  // sent: to a copy
 unsigned opened_before;                   // dump files, when it came
 int positions;
-std::vector<unsigned char> seen;  // 1: an instruction that has been interrupted
 
 bool is_of_interest(greg_t position)
 {
-    const greg_t offset = position - reinterpret_cast<greg_t>(&__executable_start);
-    if (offset < 0 || offset >= &etext - &__executable_start)
-        return false;
-    unsigned char &times = seen[static_cast<std::size_t>(offset)];
-    return std::exchange(times, 1) == 0 || is_full_run();
+    static std::set<greg_t> seen;  // what of this program has been interrupted
+    const auto *const place = reinterpret_cast<const char *>(position);
+    return place >= &__executable_start && place < &etext && (seen.insert(position).second || is_full_run());
 }
 
 void in_copy(int signal)
@@ -119,7 +117,6 @@ void step_through_the_script()
 {
     const OwnFolder folder;
     folder.order("stats\n");
-    seen.resize(static_cast<std::size_t>(&etext - &__executable_start));
     struct sigaction action {};
     action.sa_sigaction = on_step;
     action.sa_flags = SA_SIGINFO;

@@ -115,15 +115,12 @@ TEST(threads, keep_stamps_and_counters_while_handlers_lock_and_others_make_pools
 {
     const OwnFolder folder;
     folder.order("many\nstats\n");
-    struct sigaction action {};
-    action.sa_handler = [](int) {
+    std::signal(SIGALRM, [](int) {
         memm_lock("handler"), memm_lock("handler");
         under_lock = under_lock + 1;
         memm_unlock(), memm_unlock();
         ++handled;
-    };
-    action.sa_flags = SA_RESTART;
-    sigaction(SIGALRM, &action, nullptr);
+    });
     Traffic traffic;
     std::thread maker([] {
         for (int count = 1; count <= 30; ++count)
