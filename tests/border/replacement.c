@@ -14,20 +14,20 @@
 #undef REPLACE_xmu_p
 #define REPLACE_xmu_p 1
 #endif
-#define NAME(operation) #operation,
-#define STATE(operation) REPLACE_##operation,
+#define OPERATION(operation) {#operation, REPLACE_##operation, 0},
 #define NUMBER(operation) number_of_##operation,
 
 #pragma GCC visibility push(default)
 enum { OPERATIONS(NUMBER) OPERATION_COUNT };
-static const char *const names[] = {OPERATIONS(NAME)};
-static const int replaced[] = {OPERATIONS(STATE)};
-static int entered[OPERATION_COUNT];
+static struct {
+    const char *name;
+    int is_replaced, entered;
+} operations[] = {OPERATIONS(OPERATION)};
 
 static unsigned answer(int operation, uintptr_t a, uintptr_t b, uintptr_t c, uintptr_t d)
 {
     static int waits;
-    ++entered[operation];
+    ++operations[operation].entered;
     if (operation == number_of_xm_alloc)
         *(void **)d = calloc(1, (unsigned)c);
     else if (operation == number_of_xm_getmem)
@@ -77,10 +77,9 @@ int main(void)
     dynstr_getutcdatetime(date, &seconds);
     dynstr_sprintf(date, "%0100d", 0); /* more than the buffer holds: an outside block */
     int failures = 0;
-    for (int i = 0; i < OPERATION_COUNT; ++i) {
-        if (replaced[i] && entered[i] == 0 && (i != number_of_dbg_vprintf_cb || !replaced[number_of_dbg_printf])) {
-            failures += printf("the library did not call the application's %s\n", names[i]) > 0;
-        }
-    }
+    operations[number_of_dbg_vprintf_cb].is_replaced &= !operations[number_of_dbg_printf].is_replaced;
+    for (int i = 0; i < OPERATION_COUNT; ++i)
+        if (operations[i].is_replaced && operations[i].entered == 0)
+            failures += printf("the library did not call the application's %s\n", operations[i].name) > 0;
     return failures;
 }

@@ -34,7 +34,7 @@ void be_nobody(const fs::path &path, int rights_on_folder)
     if (rights_on_folder != 0555)
         write_file(path, "another's"), fs::permissions(path, fs::perms(0666));
     fs::permissions(path.parent_path(), fs::perms(rights_on_folder));
-    if (geteuid() == 0 ? setgid(65534) != 0 || setuid(65534) != 0 : rights_on_folder != 0555)
+    if (setgid(65534) != 0 || setuid(65534) != 0)
         _exit(0);
 }
 
@@ -67,8 +67,8 @@ const Obstacle kObstacles[] = {
 bool is_own_file(const std::string &path)
 {
     struct stat status {};
-    return lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & 0777) == 0600 &&
-           status.st_nlink == 1 && status.st_uid == geteuid();
+    return lstat(path.c_str(), &status) == 0 && status.st_mode == (S_IFREG | 0600) && status.st_nlink == 1 &&
+           status.st_uid == geteuid();
 }
 
 void try_report(const OwnFolder &folder, const Report &report, const Obstacle &obstacle)

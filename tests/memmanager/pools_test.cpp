@@ -39,13 +39,10 @@ TEST(pools, that_cannot_be_made_leave_nothing_but_a_trace)
 {
     make_pool("twin", 1);
     recorder().forget();
-    for (const auto &[name, count, size] : {std::tuple{"a", 0, 8},
-                                            {"a", 3, 0},
-                                            {"twin", 3, 8},
-                                            {"a", 3, -8},
-                                            {"a", 1, INT_MAX},
-                                            {"a", INT_MAX, 1},
-                                            {"<no_name>", 3, 8}}) {
+    const std::tuple<const char *, int, int> impossible[] = {{"a", 0, 8},        {"a", 3, 0},       {"twin", 3, 8},
+                                                             {"a", 3, -8},       {"a", 1, INT_MAX}, {"a", INT_MAX, 1},
+                                                             {"<no_name>", 3, 8}};
+    for (const auto &[name, count, size] : impossible) {
         EXPECT_EQ(memm_initpool(*name == '<' ? nullptr : name, count, size, nullptr), -1);
         EXPECT_TRUE(recorder().take_trace().starts_with(text("[MEMM] Failed to allocate %s buffer", name)));
     }

@@ -62,7 +62,6 @@ TEST(statistics, rows_and_totals_to_the_last_character)
     EXPECT_EQ(printed(memm_print_stats, "r_"), expected);
     memm_print_stats2("r_", trc_def_printf);
     EXPECT_EQ(recorder().take_trace(), expected);
-    EXPECT_EQ(recorder().take_tags(), "memm_print_stats memm_print_stats ");
 }
 
 TEST(object_listing, shows_what_level_and_filter_let_through)
@@ -151,8 +150,8 @@ TEST(timing_report, shows_the_counters_by_path)
 +outsideTime for 1000 elapsed measurements: 2.001 msec|
 )"));
     timestat watch{};
-    for (const auto &[started, stopped, elapsed] : {std::tuple{10999999, 11000002, 3U}, {10999999, 10999998, 0U}}) {
-        recorder().clock_us = started;
+    for (const auto &[stopped, elapsed] : {std::pair{11000002, 3U}, {10999998, 0U}}) {
+        recorder().clock_us = 10999999;
         timestat_starttime(&watch);
         recorder().clock_us = stopped;
         EXPECT_TRUE(timestat_stoptime(&watch) == 0 && timestat_elapstime(&watch) == elapsed);
@@ -223,10 +222,6 @@ TEST(trace_switches, select_by_level_and_by_the_locks_name)
     lock_settrace("mem", 2);
     for (const int asked : {0, 2, 3})
         EXPECT_TRUE(lock_gettrace("MEMM", asked) == (asked <= 2) && lock_gettrace("me", asked) == 0);
-    for (const auto &[set, stored] : {std::pair{7, 2}, {1, 1}, {-5, -5}}) {
-        memm_set_trace(set);
-        EXPECT_TRUE(memm_get_trace(-1) == stored && memm_get_trace(2) == (stored >= 2));
-    }
 }
 
 }  // namespace

@@ -162,15 +162,6 @@ void xtm_gettimestamp(unsigned *seconds, unsigned *microseconds)
 
 int (*dbg_vprintf_cb)(const char *format, va_list arguments) = capture_debug;
 
-int dbg_printf(const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    const int result = __atomic_load_n(&dbg_vprintf_cb, __ATOMIC_ACQUIRE)(format, arguments);
-    va_end(arguments);
-    return result;
-}
-
 int trc_def_printf(const char *format, ...)
 {
     va_list arguments;

@@ -10,8 +10,8 @@
 #include <utility>
 
 // A platform that remembers what the library asked of it and fails on demand. Linking it replaces every platform
-// operation but those of calendar and tasks. Usable from several threads, and in a handler of a signal that a test
-// raises itself.
+// operation but dbg_printf and those of calendar and tasks. Usable from several threads, and in a handler of a signal
+// that a test raises itself.
 //
 // A listener looks at every test's end: P and V balanced, dbg_vprintf_cb as it was, and no trace or error left that the
 // test has not taken. The dump files of the process are removed then.

@@ -35,25 +35,20 @@ bool is_of_interest(greg_t position)
     return place >= &__executable_start && place < &etext && (seen.insert(position).second || is_full_run());
 }
 
-void in_copy(int signal)
-{
-    is_stepping = 0;
-    sent = signal;
-    opened_before = dumps_opened;
-    alarm(10);
-    raise(signal);
-}
-
 void on_step(int, siginfo_t *, void *context)
 {
     greg_t *const registers = static_cast<ucontext_t *>(context)->uc_mcontext.gregs;
     if (is_stepping != 0 && is_of_interest(registers[kPosition])) {
-        const int signal = ++positions % 2 == 0 ? SIGUSR1 : SIGUSR2;
+        ++positions;
         const pid_t copy = _Fork();
-        if (copy == 0)
-            in_copy(signal);
-        else if (const int status = status_of(copy); status != 0)
+        if (copy == 0) {
+            is_stepping = 0, opened_before = dumps_opened;
+            sent = positions % 2 == 0 ? SIGUSR1 : SIGUSR2;
+            alarm(10);
+            raise(sent);
+        } else if (const int status = status_of(copy); status != 0) {
             is_stepping = 0, ADD_FAILURE() << "status " << status << " after " << positions << " positions";
+        }
     }
     registers[REG_EFL] = is_stepping != 0 ? registers[REG_EFL] | kTrapFlag : registers[REG_EFL] & ~kTrapFlag;
 }

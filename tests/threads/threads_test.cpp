@@ -85,17 +85,6 @@ public:
 };
 
 // Everything works in a child that works in a parent; its reports have its own number, its parent's signals are gone.
-bool works_in_child(const OwnFolder &folder, unsigned pool)
-{
-    void *const object = memm_calloc(pool);
-    const bool works = object != nullptr && memm_free(object) == 0 && content_of(folder.contents_path()) == "-";
-#if defined(__SANITIZE_THREAD__)  // holds signals back in the child of a process that had threads
-    return works;
-#endif
-    raise(SIGUSR1);
-    return works && content_of(folder.usage_path()).find("Reason: SIGUSR1\r\n") != std::string::npos;
-}
-
 void fork_and_wait(const OwnFolder &folder, unsigned pool, bool holds)
 {
     if (holds)
@@ -103,8 +92,14 @@ void fork_and_wait(const OwnFolder &folder, unsigned pool, bool holds)
     const pid_t child = fork();
     if (holds)
         memm_unlock();
-    if (child == 0)
-        _exit(works_in_child(folder, pool) ? 0 : 1);
+    if (child == 0) {
+        EXPECT_TRUE(memm_free(memm_calloc(pool)) == 0 && content_of(folder.contents_path()) == "-");
+#if !defined(__SANITIZE_THREAD__)  // holds signals back in the child of a process that had threads
+        raise(SIGUSR1);
+        EXPECT_NE(content_of(folder.usage_path()).find("Reason: SIGUSR1\r\n"), std::string::npos);
+#endif
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
     ASSERT_EQ(status_of(child), 0);
 }
 
