@@ -55,7 +55,6 @@ TEST(lists, of_1000000_nodes_are_released_in_little_stack)
 
 TEST(lists, stay_whole_when_an_object_refuses)
 {
-    recorder().allow_reports();
     memm_pooloptions options{};
     options.release_cb = [](void *object) { return *static_cast<int *>(object); };
     const unsigned objects = make_pool("", 3, sizeof(int), options);
@@ -79,7 +78,6 @@ std::string joined(strlist *list)
 
 TEST(string_lists, leave_out_what_finds_no_place)
 {
-    recorder().allow_reports();
     const int nodes = make_nodes(6), strings = static_cast<int>(make_strings(200, 2, 6));
     EXPECT_EQ(joined(strlist_fromstring("i,i,i,i,i,i,i,i,i", ",", nodes, strings)), "i;i;i;i;i;i;");
     // No room for the text: an empty item before a separator and in the escaped form, left out as the last one.

@@ -12,7 +12,6 @@ TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
     const OwnFolder folder;
     const auto rounds = static_cast<unsigned>(std::max(1, scaled(3)));
     recorder().largest_block = 1 << 24;
-    recorder().allow_reports();
     Children children;
     for (const Call &call : calls()) {
         if (!children.fork(call.name))
@@ -36,7 +35,6 @@ int reports_left = 1 << 30;
 // Every function, reports between them. Arguments make sense while nothing fails.
 void run_script(const Sizes &sizes)
 {
-    recorder().allow_reports();
     for (const int signal : {SIGUSR1, SIGUSR2})
         std::signal(signal, SIG_IGN);  // the manager may fail to start
     World world(sizes);

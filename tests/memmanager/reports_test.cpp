@@ -1,4 +1,4 @@
-// The literal texts of all reports; locks, trace switches and the stopwatch.
+// The literal texts of all reports; locks and the stopwatch.
 #include "support/pools.h"
 #include "support/recording_platform.h"
 
@@ -215,13 +215,6 @@ TEST(locks, table_shows_and_clears_the_records)
 )"));
     lock_clear_allstats();
     EXPECT_EQ(state(held), "---- -1, depth 1, 0 takes, 0 waits of 0 us, at most 0");
-}
-
-TEST(trace_switches, select_by_level_and_by_the_locks_name)
-{
-    lock_settrace("mem", 2);
-    for (const int asked : {0, 2, 3})
-        EXPECT_TRUE(lock_gettrace("MEMM", asked) == (asked <= 2) && lock_gettrace("me", asked) == 0);
 }
 
 }  // namespace

@@ -13,8 +13,8 @@
 // operation but dbg_printf and those of calendar and tasks. Usable from several threads, and in a handler of a signal
 // that a test raises itself.
 //
-// A listener looks at every test's end: P and V balanced, dbg_vprintf_cb as it was, and no trace or error left that the
-// test has not taken. The dump files of the process are removed then.
+// A listener looks at every test's end: P and V balanced, dbg_vprintf_cb as it was. The dump files of the process are
+// removed then.
 class Recorder {
 public:
     // --- what came since it was last taken ---
@@ -24,8 +24,6 @@ public:
     std::string take_tags() { return take(tags_); }                // "dynstr_getstring " for each outermost P
     std::string take_allocations() { return take(allocations_); }  // "DYNSTR 1 500;" for each xm_alloc
     void forget();                                                 // all of the above
-
-    void allow_reports() { reports_allowed_ = true; }  // traces and errors need not be taken in this test
 
     // The n-th call from now on (1 is the next) fails, 0: none; fault() is taken for that.
     static void fail_nth(Op op, unsigned n, int code = 7);
@@ -50,7 +48,6 @@ public:
     std::set<void *> inside_, outside_;  // blocks of xm_alloc, for ever, and of xm_getmem
     std::atomic<unsigned> calls_[16]{};
     std::atomic<unsigned> depth_{0};
-    bool reports_allowed_ = false;
 
 private:
     std::string take(std::string &from)
