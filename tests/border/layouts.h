@@ -1,7 +1,5 @@
-/* The records of the public headers, as applications were compiled against them: on a 32-bit target exactly the
- * documented words; on a 64-bit target the words that hold pointers widen. */
-#include <stddef.h>
-
+/* The sizes of the records of the public headers, as applications were compiled against them: on a 32-bit target
+ * exactly the documented words; on a 64-bit target the words that hold pointers widen. */
 #include <memmanager/dyndata.h>
 #include <memmanager/dynstring.h>
 #include <memmanager/lock.h>
@@ -11,20 +9,12 @@
 #define static_assert _Static_assert
 #endif
 #define SIZE(type, on_32, on_64) static_assert(sizeof(type) == (sizeof(void *) == 4 ? (on_32) : (on_64)), #type)
-#define PLACE(type, member, on_32, on_64)                                                                              \
-    static_assert(offsetof(type, member) == (sizeof(void *) == 4 ? (on_32) : (on_64)), #type "." #member)
 
 SIZE(memm_word, 4, 8);
 SIZE(memm_pooloptions, 32, 64);
-PLACE(memm_pooloptions, filter_cb, 28, 56);
 SIZE(memm_pool, 172, 240);
-PLACE(memm_pool, count_base, 28, 40);
-PLACE(memm_pool, alloc_count, 72, 108);
-PLACE(memm_pool, flags, 136, 172);
 SIZE(dynstr, 16, 32);
-PLACE(dynstr, prev, 8, 16);
 SIZE(llist, 8, 16);
 SIZE(dyndata, 8, 16);
 SIZE(timestat, 16, 16);
 SIZE(LOCK, 40, 48);
-PLACE(LOCK, lock_count, 20, 24);

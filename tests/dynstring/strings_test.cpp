@@ -25,10 +25,9 @@ TEST(string_pools, divide_their_bytes_into_records_buffers_and_reserve)
 {
     make_pool("", 1);
     const auto made = [](int id) {
-        const memm_pool &records = pool_at(static_cast<unsigned>(id));
+        const memm_pool &pool = pool_at(static_cast<unsigned>(id));
         const std::string blocks = recorder().take_allocations();
-        return text("%d + %zd:", records.slot_count, records.options.spare_count) +
-               blocks.substr(blocks.find("DYNSTR"));
+        return text("%d + %zd:", pool.slot_count, pool.options.spare_count) + blocks.substr(blocks.find("DYNSTR"));
     };
     EXPECT_EQ(made(dynstr_initpool("", 50, 1001)), "55 + 5:DYNSTR 1 500;DYNSTR 1 500;");
     EXPECT_EQ(made(dynstr_initpool("", 51, 8)), "71 + 20:DYNSTR 1 4;DYNSTR 1 4;");

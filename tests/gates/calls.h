@@ -32,8 +32,7 @@ struct Parameter {
     bool is_of(const char *family) const { return function.find(family) != function.npos; }
 };
 
-template <class T> class Of {
-};  // a type as an argument
+template <class T> using Of = std::type_identity<T>;  // a type as an argument
 
 template <class T>
 constexpr bool is_object =  // pointers to what lies in pools

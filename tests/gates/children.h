@@ -18,8 +18,6 @@ class Children {
 public:
     int count = 0;
 
-    bool is_child() const { return is_child_; }
-
     // True in the child; the parent waits for its end.
     bool fork(const std::string &label)
     {

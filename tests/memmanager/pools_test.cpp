@@ -72,14 +72,11 @@ TEST(pools, are_laid_out_as_documented_and_answer_by_object_and_by_id)
                 std::memset(object, 0xff, size);  // neither a neighbour's header nor beyond the block
             }
         }
-    memm_pooloptions options{};
-    options.cookie = &options;
-    const unsigned pool = make_pool("named", 2, 8, options);
+    const unsigned pool = make_pool("named", 2);
     void *const object = memm_calloc(pool);
     header_of(object) |= 0x02800000;  // tag and references are not part of the id
     EXPECT_STREQ(memm_get_poolname(object), "named");
     EXPECT_TRUE(memm_get_poolid(object) == static_cast<int>(pool) && memm_get_poolid(nullptr) == -1);
-    EXPECT_TRUE(memm_getpoolcookie(object) == &options && memm_getpoolcookie_bypoolid(pool) == &options);
     EXPECT_TRUE(memm_instanceof_no_ori(object, pool) == 1 && memm_instanceof_no_ori(object, pool - 1) == 0);
 }
 

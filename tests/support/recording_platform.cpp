@@ -86,17 +86,6 @@ std::string text(const char *format, ...)
     return result;
 }
 
-void Recorder::forget()
-{
-    take_debug(), take_trace(), take_errors();
-    take_tags(), take_allocations();
-}
-
-void Recorder::fail_nth(Op op, unsigned n, int code)
-{
-    fault = [=, number = 0U](Op asked) mutable { return asked == op && ++number == n ? code : 0; };
-}
-
 // --- the operations ---
 
 extern "C" {

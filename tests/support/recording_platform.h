@@ -23,10 +23,13 @@ public:
     std::string take_errors() { return take(errors_); }            // "0x10002 2 memm memmanager: message\n" each
     std::string take_tags() { return take(tags_); }                // "dynstr_getstring " for each outermost P
     std::string take_allocations() { return take(allocations_); }  // "DYNSTR 1 500;" for each xm_alloc
-    void forget();                                                 // all of the above
+    void forget() { take_debug(), take_trace(), take_errors(), take_tags(), take_allocations(); }
 
     // The n-th call from now on (1 is the next) fails, 0: none; fault() is taken for that.
-    static void fail_nth(Op op, unsigned n, int code = 7);
+    static void fail_nth(Op op, unsigned n, int code = 7)
+    {
+        fault = [=, number = 0U](Op asked) mutable { return asked == op && ++number == n ? code : 0; };
+    }
     static void fail_never() { fault = nullptr; }
     unsigned calls(Op op) { return calls_[static_cast<std::size_t>(op)]; }  // all in this process
     std::size_t outside_blocks() const { return outside_.size(); }          // from xm_getmem and not given back
