@@ -294,7 +294,7 @@ int lock_gettracelevel(void) { return trace_switch.level(); }
 
 char *lock_getapplfilter(void) { return trace_switch.filter(); }
 
-void memm_lock(const char *tag) { ManagerLock::enter(known(tag)); }
+void memm_lock(const char *tag) { ManagerLock::enter(tag); }
 
 void memm_unlock(void) { ManagerLock::leave(); }
 

@@ -28,8 +28,12 @@ void ManagerLock::enter_both(const char *tag) noexcept
     default_lock.enter();
 }
 
-void ManagerLock::leave_both() noexcept
+void ManagerLock::leave_at_length() noexcept
 {
+    if (default_lock.is_alone()) {
+        default_lock.leave_at_length();
+        return;
+    }
     default_lock.answer_before_leaving();
     const BusyTask busy;
     default_lock.leave();

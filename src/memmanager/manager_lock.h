@@ -36,10 +36,8 @@ public:
 
     static void leave() noexcept
     {
-        if (default_lock.is_alone()) [[likely]] {
-            default_lock.leave();
-        } else {
-            leave_both();
+        if (!default_lock.leave_unless_unusual()) [[unlikely]] {
+            leave_at_length();
         }
     }
 
@@ -48,7 +46,7 @@ public:
 
 private:
     static void enter_both(const char *tag) noexcept;
-    static void leave_both() noexcept;
+    static void leave_at_length() noexcept;
 };
 
 }  // namespace memm

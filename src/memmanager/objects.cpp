@@ -41,8 +41,8 @@ void *allocate(Held held, PoolId id) noexcept
     if (aid == nullptr) {
         return nullptr;
     }
-    void *const object = take_slot_at_once(held, *aid);
-    return object != nullptr ? object : allocate_elsewhere(held, *aid);
+    void *const object = take_slot(held, *aid, Reserve::closed);
+    return object != nullptr ? object : collect_and_allocate(held, *aid);
 }
 
 void *allocate_without_gc(Held held, PoolId id) noexcept
@@ -237,8 +237,22 @@ namespace {
     if (object == nullptr && aid != nullptr) {
         object = allocate_elsewhere(Held::by_caller(), *aid);
     }
-    default_lock.leave_at_length();
+    default_lock.leave();
     return object;
+}
+
+// Large pools have ways of their own, from where the lock is held.
+[[gnu::noinline]] void *allocate_in_large(const PoolAid &aid) noexcept
+{
+    void *const object = take_lowest_slot(Held::by_caller(), aid);
+    return object != nullptr && default_lock.leave_at_once() ? object : end_allocation(object, &aid);
+}
+
+[[gnu::noinline]] Result release_in_large(const PoolAid &aid, void *object) noexcept
+{
+    const Result result = release_owned(Held::by_caller(), aid, object);
+    default_lock.leave();
+    return result;
 }
 
 [[gnu::noinline]] Result release_at_length(void *object) noexcept
@@ -272,6 +286,9 @@ void *memm_calloc(unsigned poolid)
         return allocate_at_length(id);
     }
     const PoolAid *const aid = registry.find_aid(id);
+    if (aid != nullptr && aid->is_large) {
+        return allocate_in_large(*aid);
+    }
     void *const object = aid != nullptr ? take_slot_at_once(Held::by_caller(), *aid) : nullptr;
     return object != nullptr && default_lock.leave_at_once() ? object : end_allocation(object, aid);
 }
@@ -306,6 +323,9 @@ int memm_free(void *obj)
         return to_int(release_at_length(obj));
     }
     const PoolAid *const aid = sole_owner_of(obj);
+    if (aid != nullptr && aid->is_large) {
+        return to_int(release_in_large(*aid, obj));
+    }
     const bool released = aid != nullptr && !has_say_in_release(*aid->pool) &&
                           finish_release_at_once(Held::by_caller(), *aid, slot_of(obj));
     return to_int(released && default_lock.leave_at_once() ? Result::ok : end_release(released, aid, obj));

@@ -58,6 +58,7 @@ struct PoolAid {
     Divisor slot_size;
     u32 small_bytes = 0;         // what to zero in a new object when that is little; 0: ask for it the long way
     bool is_ordinary = false;    // has slots, and is not the pool of the descriptors
+    bool is_large = false;       // as its index says
     SlotIndex *index = nullptr;  // null: search slot by slot
     void *control = nullptr;     // the cookie that a floor above gave the pool, and may read through; null for others'
 

@@ -174,6 +174,7 @@ Pool *make_pool(Held held, const char *name, int count, Size size, const memm_po
     PoolAid &aid = registry.aid(id);
     aid.set_slots(slots, size.slot, static_cast<u32>(count));
     aid.index = make_index(static_cast<u32>(count));
+    aid.is_large = aid.index != nullptr && aid.index->is_large();
     if (options != nullptr) {
         set_options(pool.options, *options);
     }

@@ -29,68 +29,65 @@ SlotIndex *SlotIndex::make(void *block, u32 slots) noexcept
 {
     auto *index = new (block) SlotIndex;
     auto *maps = reinterpret_cast<Word *>(index + 1);
-    u32 words = words_for(slots, kBits);
-    index->bits_ = maps;
-    index->level_[index->levels_++] = {maps, maps, words};
-    maps += words;
-    while (words > 1) {
-        words = words_for(words, kBits);
-        index->level_[index->levels_++] = {maps, maps + words, words};
-        maps[words] = bit(0);  // of `any`
-        maps += std::size_t{2} * words;
-    }
-    index->full_ = index->level_[1].full;
+    u32 bits = slots;
+    do {
+        const unsigned level = index->levels_++;
+        const u32 words = words_for(bits, kBits);
+        index->words_[level] = words;
+        index->full_[level] = index->any_[level] = maps;
+        maps += words;
+        if (level > 0) {
+            index->any_[level] = maps;
+            index->any_[level][0] = bit(0);
+            maps += words;
+            if (bits % kBits != 0) {
+                index->full_[level][words - 1] = kAll << bits % kBits;
+            }
+        }
+        bits = words;
+    } while (bits > 1);
+    index->bits_ = index->full_[0];
     return index;
 }
 
 // Up to the first level that knows already: what is above knows, too.
-void SlotIndex::set(u32 slot) noexcept
+void SlotIndex::mark_used(u32 slot) noexcept
 {
-    if (set_at_once(slot)) {
-        return;
+    if (bits_[slot / kBits] == 0) {
+        u32 word = slot / kBits;
+        for (unsigned level = 1; level < levels_; ++level, word /= kBits) {
+            Word &summary = any_[level][word / kBits];
+            if ((summary & bit(word)) != 0) {
+                break;
+            }
+            summary |= bit(word);
+        }
     }
-    for (u32 level = 1, word = slot / kBits; level < levels_ && !is_marked(level_[level].any, word); ++level) {
-        level_[level].any[word / kBits] |= bit(word);
-        word /= kBits;
-    }
-    bits_[slot / kBits] = bit(slot);
+    mark(slot);
+    mark_above(slot);
 }
 
-void SlotIndex::clear(u32 slot) noexcept
+// A search has met an empty word whose summary promises more.
+void SlotIndex::unmark_empty(unsigned level, u32 word) noexcept
 {
-    if (clear_at_once(slot)) {
-        return;
-    }
-    for (u32 level = 1, word = slot / kBits; level < levels_ && is_marked(level_[level].full, word); ++level) {
-        level_[level].full[word / kBits] &= ~bit(word);
-        word /= kBits;
-    }
-    bits_[slot / kBits] &= ~bit(slot);
-}
-
-// A search has met a word whose summary may promise too much.
-void SlotIndex::set_summary(unsigned level, Word *Level::*map, u32 word, bool value) noexcept
-{
-    if (level < levels_ && (value || word != 0)) {
-        Word &summary = (level_[level].*map)[word / kBits];
-        summary = value ? summary | bit(word) : summary & ~bit(word);
+    if (level + 1 < levels_ && word != 0) {
+        any_[level + 1][word / kBits] &= ~bit(word);
     }
 }
 
-// Up to the first level whose word has a bit (after the flip) from here on, then down to the lowest such slot; a branch
-// that ends in nothing is corrected and left upwards again. Past the last word there is nothing to find; the bits that
-// `full` has beyond its words read as "not full".
-u32 SlotIndex::next(u32 from, Word *Level::*map, Word flip) noexcept
+// Up to the first level whose word has a bit from here on, then down to the lowest such slot; a branch that ends in
+// nothing is corrected and left upwards again. Past the last word there is nothing to find.
+u32 SlotIndex::next_used(u32 from) noexcept
 {
     unsigned level = 0;
     u32 at = from;
-    while (level < levels_ && at / kBits < level_[level].words) {
+    while (level < levels_ && at / kBits < words_[level]) {
         const u32 index = at / kBits;
-        const Word word = (level_[level].*map)[index] ^ flip;
+        const Word word = any_[level][index];
         const Word rest = word >> at % kBits;
         if (rest == 0) {
             if (word == 0) {
-                set_summary(level + 1, map, index, flip != 0);
+                unmark_empty(level, index);
             }
             ++level;
             at = index + 1;
@@ -101,31 +98,10 @@ u32 SlotIndex::next(u32 from, Word *Level::*map, Word flip) noexcept
             return at;
         }
         --level;
-        if (at >= level_[level].words) {
-            return kNone;
-        }
         at *= kBits;
     }
     return kNone;
 }
-
-// Two looks find it as a rule.
-u32 SlotIndex::next_free(u32 from) noexcept
-{
-    if (const Word free = ~bits_[from / kBits] >> from % kBits; free != 0) {
-        return from + static_cast<u32>(std::countr_zero(free));
-    }
-    const u32 word = from / kBits + 1;
-    if (word % kBits != 0) {
-        if (const Word not_full = ~full_[word / kBits] >> word % kBits; not_full != 0) {
-            const u32 found = word + static_cast<u32>(std::countr_zero(not_full));
-            return found < level_[0].words ? found * kBits + static_cast<u32>(std::countr_one(bits_[found])) : kNone;
-        }
-    }
-    return next(word * kBits, &Level::full, kAll);
-}
-
-u32 SlotIndex::next_used(u32 from) noexcept { return next(from, &Level::any, 0); }
 
 u32 SlotIndex::previous_used(u32 from) noexcept
 {
@@ -133,7 +109,7 @@ u32 SlotIndex::previous_used(u32 from) noexcept
     u32 at = from;
     while (level < levels_) {
         const u32 index = at / kBits;
-        const Word word = level_[level].any[index];
+        const Word word = any_[level][index];
         const Word rest = word << (kBits - 1 - at % kBits);
         if (rest != 0) {
             at -= static_cast<u32>(std::countl_zero(rest));
@@ -145,7 +121,7 @@ u32 SlotIndex::previous_used(u32 from) noexcept
             continue;
         }
         if (word == 0) {
-            set_summary(level + 1, &Level::any, index, false);
+            unmark_empty(level, index);
         }
         if (index == 0) {
             return kNone;

@@ -28,7 +28,7 @@ Found scan(const PoolAid &aid, unsigned char *limit) noexcept
     } else {
         const u32 from = aid.number_of(slot);
         const u32 beyond = aid.number_of(limit) + 1;
-        const u32 number = std::min(aid.index->next_free(from), beyond);
+        const u32 number = std::min(aid.index->lowest_free(), beyond);
         slot = slot_at(pool, number);
         steps = number - from;
     }
@@ -45,7 +45,7 @@ Found search_on(const PoolAid &aid, unsigned char *limit) noexcept
 {
     Pool &pool = *aid.pool;
     unsigned char *const next = pool.last_used + pool.slot_size;
-    if (pool.last_used < pool.last_normal && is_free(next)) {
+    if (pool.last_used < pool.last_normal && is_free(aid, next)) {
         return {next, MEMM_PATH_LAST_USED};
     }
     return pool.first_free <= limit ? scan(aid, limit) : Found{pool.first_free, MEMM_PATH_OTHER};
@@ -59,7 +59,7 @@ Found find_free(const PoolAid &aid, unsigned char *limit) noexcept
     if (first == nullptr) [[unlikely]] {
         return {nullptr, MEMM_PATH_OTHER};
     }
-    if (first <= limit && is_free(first)) [[likely]] {
+    if (first <= limit && is_free(aid, first)) [[likely]] {
         store(pool.first_free, first + pool.slot_size);
         return {first, MEMM_PATH_FIRST_FREE};
     }
@@ -95,13 +95,34 @@ void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
     }
     ObjectHeader{aid.id}.write_to(slot);
     if (aid.index != nullptr) {
-        aid.index->set(aid.number_of(slot));
+        aid.index->mark_used(aid.number_of(slot));
     }
     note_taken(*aid.pool, slot);
     return is_descriptor ? object : std::memset(object, 0, aid.pool->slot_size - kHeaderBytes);
 }
 
 }  // namespace
+
+// Whether first_free is free is as good as random, so no branch depends on it: one that is foreseen wrongly would hold
+// up the memory accesses of the allocations to come.
+void *take_lowest_slot(Held, const PoolAid &aid) noexcept
+{
+    Pool &pool = *aid.pool;
+    if (aid.small_bytes == 0 || pool.first_free > pool.last_normal) [[unlikely]] {
+        return nullptr;
+    }
+    const u32 number = aid.index->lowest_free();
+    const u32 steps = number - aid.number_of(pool.first_free);
+    unsigned char *const slot = pool.first_free + std::size_t{steps} * pool.slot_size;
+    const bool is_second_guess_right = (steps != 0) & (pool.last_used < pool.last_normal);
+    if (number == SlotIndex::kNone || is_second_guess_right || slot > pool.last_normal ||
+        !aid.index->mark_at_once(number)) [[unlikely]] {
+        return nullptr;
+    }
+    aid.index->mark_above(number);
+    add(pool.scan_steps, steps);
+    return hand_out(aid, slot, steps == 0 ? MEMM_PATH_FIRST_FREE : MEMM_PATH_SCAN);
+}
 
 void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept
 {
@@ -166,10 +187,9 @@ void finish_release(Held held, const PoolAid &aid, unsigned char *slot) noexcept
     ObjectHeader{}.write_to(slot);
     if (aid.index != nullptr) {
         aid.index->clear(aid.number_of(slot));
+        aid.index->clear_above(aid.number_of(slot));
     }
-    if (slot < pool.first_free) {
-        store(pool.first_free, slot);
-    }
+    store(pool.first_free, std::min(pool.first_free, slot));  // one is as likely as the other: no branch
     if (slot == pool.last_used && slot > pool.slots) {
         store(pool.last_used, highest_used_from(aid, slot));
     }

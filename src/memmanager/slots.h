@@ -12,6 +12,12 @@ enum class Reserve : bool { closed, open };  // whether an allocation may take s
 
 inline bool is_free(const unsigned char *slot) noexcept { return !ObjectHeader::of_slot(slot).in_use(); }
 
+// The index of a large pool is in the caches as a rule, the slot is not.
+[[gnu::always_inline]] inline bool is_free(const PoolAid &aid, const unsigned char *slot) noexcept
+{
+    return aid.index != nullptr ? !aid.index->is_used(aid.number_of(slot)) : is_free(slot);
+}
+
 inline void raise_highest(Pool &pool, int in_use) noexcept
 {
     raise_to(pool.max_count, in_use);
@@ -54,32 +60,40 @@ inline void raise_highest(Pool &pool, int in_use) noexcept
     }
 }
 
-void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
+// What is left when the slot is known, by which path, and no longer counts as free.
+[[gnu::always_inline]] inline void *hand_out(const PoolAid &aid, unsigned char *slot, unsigned path) noexcept
+{
+    Pool &pool = *aid.pool;
+    store(pool.first_free, slot + pool.slot_size);
+    add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
+    add(pool.alloc_count[path], 1);
+    ObjectHeader{aid.id}.write_to(slot);
+    note_taken(pool, slot);
+    zero_small(object_in(slot), aid.small_bytes);
+    return object_in(slot);
+}
 
 // A zeroed object where the first guess is right and nothing has to be called: most allocations. Null, and nothing has
 // happened, elsewhere.
 [[gnu::always_inline]] inline void *take_slot_at_once(Held, const PoolAid &aid) noexcept
 {
-    Pool &pool = *aid.pool;
-    unsigned char *const slot = pool.first_free;
-    const u32 bytes = aid.small_bytes;
-    if (bytes == 0 || slot > pool.last_normal || !is_free(slot) ||
-        (aid.index != nullptr && !aid.index->set_at_once(aid.number_of(slot)))) [[unlikely]] {
+    unsigned char *const slot = aid.pool->first_free;
+    if (aid.small_bytes == 0 || slot > aid.pool->last_normal || aid.is_large || !is_free(aid, slot) ||
+        (aid.index != nullptr && !aid.index->mark_at_once(aid.number_of(slot)))) [[unlikely]] {
         return nullptr;
     }
-    store(pool.first_free, slot + pool.slot_size);
-    add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
-    add(pool.alloc_count[MEMM_PATH_FIRST_FREE], 1);
-    ObjectHeader{aid.id}.write_to(slot);
-    note_taken(pool, slot);
-    zero_small(object_in(slot), bytes);
-    return object_in(slot);
+    return hand_out(aid, slot, MEMM_PATH_FIRST_FREE);
 }
+
+// The same of a large pool, whose index knows another slot when the guess is wrong.
+void *take_lowest_slot(Held, const PoolAid &aid) noexcept;
+
+void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
 
 // A zeroed object, or null; keeps the counters.
 [[gnu::always_inline]] inline void *take_slot(Held held, const PoolAid &aid, Reserve reserve) noexcept
 {
-    void *const object = take_slot_at_once(held, aid);
+    void *const object = aid.is_large ? take_lowest_slot(held, aid) : take_slot_at_once(held, aid);
     return object != nullptr ? object : take_slot_elsewhere(aid, reserve);
 }
 
@@ -90,7 +104,7 @@ bool pass_slot_elsewhere(const PoolAid &aid) noexcept;
 inline bool pass_slot(Held, const PoolAid &aid) noexcept
 {
     Pool &pool = *aid.pool;
-    if (!aid.is_ordinary || pool.first_free > pool.last_normal || !is_free(pool.first_free)) [[unlikely]] {
+    if (!aid.is_ordinary || pool.first_free > pool.last_normal || !is_free(aid, pool.first_free)) [[unlikely]] {
         return pass_slot_elsewhere(aid);
     }
     add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
@@ -103,15 +117,18 @@ inline bool pass_slot(Held, const PoolAid &aid) noexcept
 // The end of a release to which the object's owner has agreed: the slot becomes free.
 void finish_release(Held, const PoolAid &aid, unsigned char *slot) noexcept;
 
-// The same where nothing has to be searched or called for it; false, and nothing has happened, elsewhere.
+// The same where the pool is not large and nothing has to be searched or called for it; false, and nothing has
+// happened, elsewhere.
 [[gnu::always_inline]] inline bool finish_release_at_once(Held, const PoolAid &aid, unsigned char *slot) noexcept
 {
     Pool &pool = *aid.pool;
     // Deliberate: when all slots are free again, last_used ends on the first one, not before it.
     const bool moves_last_used = slot == pool.last_used && slot > pool.slots;
-    if ((moves_last_used && is_free(slot - pool.slot_size)) ||
-        (aid.index != nullptr && !aid.index->clear_at_once(aid.number_of(slot)))) [[unlikely]] {
+    if (aid.is_large || (moves_last_used && is_free(aid, slot - pool.slot_size))) [[unlikely]] {
         return false;
+    }
+    if (aid.index != nullptr) {
+        aid.index->clear(aid.number_of(slot));
     }
     add(pool.free_count, 1);
     add(pool.cur_count, -1);

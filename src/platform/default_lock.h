@@ -17,6 +17,8 @@ class DefaultLock {
     std::atomic<unsigned> unusual_{kInsideAnother};
     std::atomic<void (*)()> deliver_{nullptr};
 
+    bool is_usual() const noexcept { return unusual_.load(std::memory_order_relaxed) == 0; }
+    bool let_go_and_look() noexcept { return lock_.let_go_unwaited() && unusual_.load(std::memory_order_seq_cst) == 0; }
     void settle_notes() noexcept;
 
 public:
@@ -26,26 +28,25 @@ public:
     // for one may have come between that look and the release. Nothing happens when the caller has no hold.
     void leave() noexcept
     {
-        if (lock_.is_mine_unwaited()) [[likely]] {
-            if (lock_.unnest()) [[unlikely]] {
-                return;
-            }
-            if (leave_at_once()) [[likely]] {
-                return;
-            }
+        if (!leave_unless_unusual()) [[unlikely]] {
+            leave_at_length();
         }
-        leave_at_length();
+    }
+
+    // The short way of leave(); false where something is left to do or another lock stands around this one.
+    bool leave_unless_unusual() noexcept
+    {
+        if (!is_usual() || !lock_.is_mine_unwaited()) [[unlikely]] {
+            return false;
+        }
+        return lock_.unnest() || let_go_and_look();
     }
 
     // For work of a few instructions that calls nothing. enter_at_once() takes the lock when it is free and no other
     // stands around it. leave_at_once() gives up that one hold; false where something is left to do, which
     // leave_at_length() then does.
     bool enter_at_once() noexcept { return is_alone() && lock_.take_free(); }
-    bool leave_at_once() noexcept
-    {
-        return unusual_.load(std::memory_order_relaxed) == 0 && lock_.let_go_unwaited() &&
-               unusual_.load(std::memory_order_seq_cst) == 0;
-    }
+    bool leave_at_once() noexcept { return is_usual() && let_go_and_look(); }
     void leave_at_length() noexcept;
 
     bool is_mine() const noexcept { return lock_.is_mine(); }

@@ -19,8 +19,8 @@
 // extra_ as it found it.
 namespace memm {
 
-// What a thread keeps of its own. Its address is the thread's identity: unlike a kernel thread id it survives fork.
-struct alignas(8) TaskState {
+// What a thread keeps of its own.
+struct TaskState {
     std::atomic<unsigned> busy{0};  // work on pools that is under way without the manager lock (see default_lock.h)
 };
 
@@ -42,7 +42,8 @@ class FutexLock {
     std::atomic<std::uintptr_t> word_{0};
     std::atomic<std::uint32_t> extra_{0};
 
-    static std::uintptr_t me() noexcept { return reinterpret_cast<std::uintptr_t>(&task_state); }
+    // Where the thread's own data begins: unlike a kernel thread id it costs one load and survives fork.
+    static std::uintptr_t me() noexcept { return reinterpret_cast<std::uintptr_t>(__builtin_thread_pointer()); }
     static bool owned_by(std::uintptr_t word, std::uintptr_t task) noexcept { return (word & ~kWaiters) == task; }
 
     // Only when the word was just seen to be 0.
@@ -57,7 +58,16 @@ class FutexLock {
         return word_.compare_exchange_strong(free, task, std::memory_order_acquire, std::memory_order_relaxed);
     }
 
-    void nest() noexcept { extra_.store(extra_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed); }
+    // The first step up and the last one down store a constant: a processor that foresees them need not wait for the
+    // value that the step before has stored.
+    void nest() noexcept
+    {
+        if (const std::uint32_t extra = extra_.load(std::memory_order_relaxed); extra == 0) [[likely]] {
+            extra_.store(1, std::memory_order_relaxed);
+        } else {
+            extra_.store(extra + 1, std::memory_order_relaxed);
+        }
+    }
 
     bool wait_and_take(const timespec *deadline) noexcept;
     void wake_one() noexcept;
@@ -124,10 +134,14 @@ public:
     bool unnest() noexcept
     {
         const std::uint32_t extra = extra_.load(std::memory_order_relaxed);
-        if (extra == 0) {
+        if (extra == 0) [[likely]] {
             return false;
         }
-        extra_.store(extra - 1, std::memory_order_relaxed);
+        if (extra == 1) [[likely]] {
+            extra_.store(0, std::memory_order_relaxed);
+        } else {
+            extra_.store(extra - 1, std::memory_order_relaxed);
+        }
         return true;
     }
 

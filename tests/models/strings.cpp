@@ -294,7 +294,6 @@ public:
         case 3:
             return same(dynstr_addstring(to, text), from ? append(d, *from, std::ssize(*from)) : kInvalid, "addstring");
         case 4:
-        case 5:
             return same(dynstr_addstring_size(to, text, length), append(d, from.value_or(""), length), "adding a part");
         case 6:
             return same(dynstr_setmaxsize(to, max), limit(d, max), "setmaxsize");

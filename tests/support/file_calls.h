@@ -24,7 +24,7 @@ public:
 std::string content_of(const std::string &path);  // "-" when there is no such file
 void write_file(const std::string &path, const std::string &content);
 
-inline struct {
+inline struct FileFaults {
     int open_error = 0;
 } file_faults;  // whatever fault() says, and without a folder too
 
