@@ -125,7 +125,6 @@ class Trial {
 
     bool take()
     {
-        ++operations;
         const unsigned way = stream_->below(4);
         void *const taken = (way == 0                 ? memm_calloc_nolock_nogc
                              : way == 1 || depth_ > 0 ? memm_calloc_nolock
@@ -146,7 +145,6 @@ class Trial {
 
     void give_back(int slot)
     {
-        ++operations;
         if (releasing_.contains(slot))
             return;
         const bool was_free = is_free(slot), was_shared = !was_free && header(slot) >= kReference;
@@ -178,7 +176,6 @@ class Trial {
     // Deliberate: the count is written before it is refused, and wraps.
     void refer(int slot)
     {
-        ++operations;
         if (is_free(slot) || releasing_.contains(slot))
             return;
         const unsigned count = (header(slot) >> 24) + 1;
@@ -222,6 +219,7 @@ class Trial {
 
     void step()
     {
+        ++operations;
         const unsigned choice = stream_->below(32);
         if (choice < 8)
             take();
@@ -256,9 +254,10 @@ public:
         options.cookie = this;
         options.spare_count = spare;
         options.gc_cb = [](void *trial, int attempt, int) { return static_cast<Trial *>(trial)->on_gc(attempt); };
-        options.release_cb = [](void *object) {
-            return static_cast<Trial *>(memm_getpoolcookie_nolock(object))->on_release(memm_getindex(object));
-        };
+        if (slots % 2 != 0)  // the others' objects are released in the short way
+            options.release_cb = [](void *object) {
+                return static_cast<Trial *>(memm_getpoolcookie_nolock(object))->on_release(memm_getindex(object));
+            };
         recorder().fail_nth(Op::alloc, has_index ? 0 : 2);
         id_ = make_pool(name, slots, kObjectBytes, options);
         recorder().fail_never();
