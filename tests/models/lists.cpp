@@ -172,6 +172,7 @@ class Trial {
         same(llist_get_at(list, index_), node.real, "get_at");
         same(llist_getobject_at(list, index_), real(node.object), "getobject_at");
         same(llist_getindex_byobject(list, real(object_)), position_of(chain, object_), "getindex_byobject");
+        same(llist_inlist(list, real(object_)), int{object_ >= 0 && position_of(chain, object_) >= 0}, "inlist");
         const unsigned types[] = {object_pools_[0], object_pools_[1], kAny, 0}, type = types[how_ % 4];
         same(llist_get_bytype(list, type, 7), nth_of_type(chain, 0, 1, type), "get_bytype, second");
     }

@@ -236,7 +236,7 @@ class Trial {
         else if (choice == 26)
             spare_flag_ = expected_spare_flag_ = 0;
         else if (choice == 27 && depth_ == 0)
-            for (int count = share_of(std::min(slots(), 900)); count >= 0 && take(); --count)
+            for (int count = stream_->one_in(4) ? slots() : share_of(slots()); count >= 0 && take(); --count)
                 ;
         else if (choice == 28 && depth_ == 0)
             for (int slot = any_slot(), count = share_of(slots()); slot >= 0 && count > 0; --slot, --count)

@@ -288,7 +288,8 @@ public:
         case 0:
             return same(dynstr_setstring(to, text), assign(d, from, 0, -1), "setstring");
         case 1:
-            return same(dynstr_setdynstr(to, other), assign(d, whole(s), 0, -1), "setdynstr");
+            return same((max % 2 != 0 ? dynstr_setdynstr : dynstr_setdynstr_nolock)(to, other),
+                        assign(d, whole(s), 0, -1), "setdynstr");
         case 2:
             return same(dynstr_setsubstring(to, text, offset, length), assign(d, from, offset, length), "setsubstring");
         case 3:
