@@ -209,6 +209,7 @@ class Trial {
     {
         const auto matches = [](void *met, int wanted) { return int{memm_getindex(met) == wanted}; };
         void *const it = object(slot), *const used = is_free(slot) ? nullptr : it;
+        same(memm_calloc(~0U), static_cast<void *>(nullptr), "an object of no pool");
         same(memm_getobject_byindex(id_, slot), used, "by index");
         same(memm_isvalidobj(it) + memm_isvalidobj_nolock(it), used ? 2 : 0, "validity");
         same(slot_of(memm_getnext(it)), used ? used_from(slot + 1) : -1, "next");
