@@ -384,14 +384,15 @@ template <class Owners> void add_release(std::size_t count)
 
 // ---- splitting and joining ----
 
-// A pool for each size of job, with room for several of its lists.
+// A pool for each size of job, with room for several of its lists and, where they are small, for as many joined texts
+// as it has records.
 int string_pool(std::size_t count)
 {
     static std::map<std::size_t, int> pools;
     const auto [place, is_new] = pools.try_emplace(count, 0);
     if (is_new) {
-        place->second = static_cast<int>(
-            id_or_exit(dynstr_initpool2("", static_cast<int>(8 * count), static_cast<unsigned>(400 * count), 2)));
+        place->second = static_cast<int>(id_or_exit(dynstr_initpool2(
+            "", static_cast<int>(8 * count), static_cast<unsigned>(std::max<std::size_t>(400 * count, 16'000)), 2)));
     }
     return place->second;
 }

@@ -1,6 +1,7 @@
 #include "containers/strings.h"
 #include "dynstring/place.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <string_view>
@@ -8,6 +9,9 @@
 namespace memm::lists {
 
 namespace {
+
+// The end of the list: only strings are joined, so that there is no node before that ends it for counting.
+constexpr int kAll = INT_MAX;
 
 // What is joined: the items [first, last) of a list, with a separator between them. `escape` is put before each of its
 // own kind and of the separator's inside an item; 0 for none.
@@ -31,12 +35,23 @@ char usable_escape(std::string_view separator, char escape) noexcept { return se
 class StringTest {
     PoolAid known_;  // a copy: what it needs stays in registers
 
+public:
+    // Begins with a string pool.
+    explicit StringTest(const PoolAid &strings) noexcept : known_(strings) {}
+
     bool is_in_known_pool(const void *item) const noexcept
     {
         const auto slot = reinterpret_cast<std::uintptr_t>(item) - kHeaderBytes;
         return known_.holds(slot) && known_.is_slot(slot) &&
                ObjectHeader::of_slot(reinterpret_cast<const unsigned char *>(slot)).pool() == known_.id;
     }
+    bool is_string(const void *item) noexcept
+    {
+        return is_in_known_pool(item) ? !strings::info_of(*static_cast<const dynstr *>(item)).is_deleted()
+                                      : is_in_another_pool(item);
+    }
+
+private:
     [[gnu::noinline]] bool is_in_another_pool(const void *item) noexcept
     {
         if (!strings::is_string(item)) {
@@ -44,13 +59,6 @@ class StringTest {
         }
         known_ = *owner_of(item);
         return true;
-    }
-
-public:
-    bool is_string(const void *item) noexcept
-    {
-        return is_in_known_pool(item) ? !strings::info_of(*static_cast<const dynstr *>(item)).is_deleted()
-                                      : is_in_another_pool(item);
     }
 };
 
@@ -88,7 +96,7 @@ struct Measure {
 Measure measure(const Join &join) noexcept
 {
     Measure result;
-    StringTest test;
+    StringTest test{PoolAid{}};
     int index = 0;
     for (const Node *node = join.list; node != nullptr; node = node->next, ++index) {
         if (!test.is_string(node->obj)) {
@@ -106,22 +114,23 @@ Measure measure(const Join &join) noexcept
     return result;
 }
 
-// Room for a text that is written piece by piece. Short pieces of the pool's own texts are copied with what stands
-// behind them, which is cheaper than to look at their length; the next piece overwrites that.
-class Writer {
-    static constexpr std::size_t kShort = 32;
+// Short pieces of the pool's own texts are copied with what stands behind them, which is cheaper than to look at their
+// length; the next piece overwrites that.
+constexpr std::size_t kShort = 32;
 
+// A text in one of the pool's buffers, and kShort bytes from its start on too.
+bool may_read_on(const strings::TextPool &pool, const char *text, u32 buffer) noexcept
+{
+    const auto at = reinterpret_cast<std::uintptr_t>(text);
+    const auto first = reinterpret_cast<std::uintptr_t>(pool.buf[buffer]);
+    return at >= first && at + kShort <= first + pool.used[buffer];
+}
+
+// Room for a text that is written piece by piece.
+class Writer {
     const strings::TextPool &pool_;
     char *to_;
     char *const end_;
-
-    bool may_read_on(const dynstr &record) const noexcept
-    {
-        const u32 buffer = strings::info_of(record).buffer();
-        const auto at = reinterpret_cast<std::uintptr_t>(record.str);
-        const auto first = reinterpret_cast<std::uintptr_t>(pool_.buf[buffer]);
-        return at >= first && at + kShort <= first + pool_.used[buffer];
-    }
 
 public:
     Writer(const strings::TextPool &pool, char *room, u64 size) noexcept : pool_(pool), to_(room), end_(room + size) {}
@@ -135,8 +144,9 @@ public:
     void put_item(const Node &node) noexcept
     {
         const std::string_view text = text_of(node);
+        const auto &record = *static_cast<const dynstr *>(node.obj);
         if (text.size() <= kShort && static_cast<std::size_t>(end_ - to_) >= kShort &&
-            may_read_on(*static_cast<const dynstr *>(node.obj))) [[likely]] {
+            may_read_on(pool_, record.str, strings::info_of(record).buffer())) [[likely]] {
             std::memcpy(to_, text.data(), kShort);
             to_ += text.size();
         } else {
@@ -174,9 +184,61 @@ void write(const Join &join, const Measure &measured, Writer &writer) noexcept
     }
 }
 
+// Whole lists of texts in the buffers of one pool, joined by one character, need not be measured: they are
+// written to the fill position as they are met. The size of the text there, its zero included; 0, and free space is as
+// it was, where anything else turns up or room is short.
+[[gnu::noinline]] u32 write_at_once(const strings::TextPool &pool, const PoolAid &items, const strings::TextPool &texts,
+                                    const Node *node, const char separator) noexcept
+{
+    char *const room = pool.fill_position();
+    const char *const end = room + std::min(pool.room(), strings::kMaxTextSize);
+    char *to = room;
+    const StringTest test{items};
+    while (node != nullptr && test.is_in_known_pool(node->obj)) {
+        const auto &record = *static_cast<const dynstr *>(node->obj);
+        const strings::StringInfo info = strings::info_of(record);
+        if (!info.is_plain() || info.size() == 0 || info.size() + 2 * kShort > static_cast<std::size_t>(end - to))
+            [[unlikely]] {
+            break;
+        }
+        const u32 length = info.size() - 1;
+        const char *const texts_end = texts.buf[info.buffer()] + texts.used[info.buffer()];
+        if (length <= kShort && texts_end - record.str >= static_cast<std::ptrdiff_t>(kShort)) [[likely]] {
+            std::memcpy(to, record.str, kShort);
+        } else {
+            std::memcpy(to, record.str, length);
+        }
+        to += length;
+        *to++ = separator;
+        node = node->next;
+    }
+    if (node != nullptr || to == room) [[unlikely]] {
+        std::memset(room, 0, std::min<std::size_t>(to - room + kShort, end - room));
+        return 0;
+    }
+    std::memset(to - 1, 0, kShort);  // the separator, and what was copied too much
+    return static_cast<u32>(to - room);
+}
+
+u32 write_at_once(const strings::TextPool &pool, const Join &join) noexcept
+{
+    if (join.list == nullptr || join.separator.size() != 1 || join.escape != '\0' || join.first > 0 ||
+        join.last != kAll) {
+        return 0;
+    }
+    const PoolAid *const items = owner_of(join.list->obj);
+    const strings::TextPool *const texts = items == nullptr ? nullptr : strings::text_pool_of(*items);
+    return texts == nullptr ? 0 : write_at_once(pool, *items, *texts, join.list, join.separator.front());
+}
+
 // Measured once and written once, into room of the exact size. No item makes no text; empty items make an empty one.
 Result fill(Held held, strings::TextPool &pool, dynstr &string, const Join &join) noexcept
 {
+    if (const u32 size = write_at_once(pool, join); size != 0) {
+        string.str = pool.fill_position();
+        strings::commit(held, pool, string, strings::StringInfo{0}.with_size(size));
+        return Result::ok;
+    }
     const Measure measured = measure(join);
     if (!measured.only_strings) {
         return Result::invalid;
@@ -215,9 +277,6 @@ bool is_string_pool(unsigned strpool, const char *function) noexcept
 }
 
 std::string_view separator_given(const char *separator) noexcept { return separator == nullptr ? "" : separator; }
-
-// The end of the list: only strings are joined, so that there is no node before that ends it for counting.
-constexpr int kAll = INT_MAX;
 
 }  // namespace
 

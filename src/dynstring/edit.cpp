@@ -33,12 +33,6 @@ Source text_of_record(const dynstr *source) noexcept
     return owner_pool(source) == nullptr ? Source{Source::Kind::none, nullptr, 0} : whole_text(*source);
 }
 
-TextPool *changeable(const dynstr *record) noexcept
-{
-    TextPool *const pool = owner_pool(record);
-    return pool != nullptr && !info_of(*record).is_deleted() ? pool : nullptr;
-}
-
 namespace {
 
 // Reading stops at the end of the source. What was asked for beyond it still counts when room is judged, and shows as a
@@ -137,11 +131,27 @@ bool is_still_changeable(const TextPool &pool, dynstr &record) noexcept
     return ObjectHeader::of_slot(slot_of(&record)).pool() == PoolId{pool.poolid} && !info_of(record).is_deleted();
 }
 
-Result append(Held held, TextPool &pool, dynstr &record, const char *text, u64 text_length, u64 claimed) noexcept
+// Most appends: a short text without a limit that ends at the fill position takes that many bytes more. The zero behind
+// them is there already. False, and nothing has happened, elsewhere.
+[[gnu::always_inline]] inline bool extend_at_once(TextPool &pool, dynstr &record, const char *text, u64 length) noexcept
 {
-    if (!is_still_changeable(pool, record)) {
-        return Result::invalid;
+    const StringInfo info = info_of(record);
+    const u32 size = info.size();
+    const u32 buffer = pool.curbuf;
+    if (!info.is_plain() || info.max_size() != 0 || info.buffer() != buffer ||
+        record.str + size != pool.fill_position() || size == 0 ||
+        length > std::min(pool.room(), kShortTextSize - size) || wants_compaction(pool)) [[unlikely]] {
+        return false;
     }
+    std::memmove(record.str + size - 1, text, length);
+    fill(pool, buffer, static_cast<u32>(length));
+    set_info(record, info.with_size(size + static_cast<u32>(length)));
+    return true;
+}
+
+[[gnu::noinline]] Result append_at_length(Held held, TextPool &pool, dynstr &record, const char *text, u64 text_length,
+                                          u64 claimed) noexcept
+{
     const Addition addition = measure(record, text_length, claimed);
     const u64 real = u64{addition.old_length} + addition.copied + 1;
     const bool extends = ends_current_buffer(pool, record);
@@ -170,6 +180,17 @@ Result append(Held held, TextPool &pool, dynstr &record, const char *text, u64 t
     write_behind(room, addition, text);
     rewrite.wrote(static_cast<u32>(real), static_cast<u32>(real));
     return rewrite.finish();
+}
+
+[[gnu::always_inline]] inline Result append(Held held, TextPool &pool, dynstr &record, const char *text,
+                                            u64 text_length, u64 claimed) noexcept
+{
+    if (!is_still_changeable(pool, record)) {
+        return Result::invalid;
+    }
+    return text_length == claimed && extend_at_once(pool, record, text, claimed)
+               ? Result::ok
+               : append_at_length(held, pool, record, text, text_length, claimed);
 }
 
 // The text is measured under the lock, for it may be the record's own.

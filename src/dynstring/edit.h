@@ -18,7 +18,11 @@ Source whole_text(const dynstr &record) noexcept;      // of a record that is kn
 Source text_of_record(const dynstr *source) noexcept;  // no record of a string pool: none
 
 // The control block of a record that may be changed; null for every other pointer, deleted records included.
-TextPool *changeable(const dynstr *record) noexcept;
+inline TextPool *changeable(const dynstr *record) noexcept
+{
+    TextPool *const pool = owner_pool(record);
+    return pool != nullptr && !info_of(*record).is_deleted() ? pool : nullptr;
+}
 
 // The first `length` bytes (all the rest, when negative) of the source from `offset` on.
 Result assign(Held, TextPool &pool, dynstr &record, const Source &source, int offset, int length) noexcept;

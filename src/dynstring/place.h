@@ -15,16 +15,27 @@
 // while the buffers are compacted in turn, until one can take it.
 namespace memm::strings {
 
+// That many bytes behind the fill position belong to a text from now on.
+inline void fill(TextPool &pool, u32 buffer, u32 bytes) noexcept
+{
+    pool.used[buffer] += bytes;
+    pool.usedbytes += bytes;
+    raise_to(pool.peakbytes, pool.usedbytes - pool.delbytes);
+    raise_to(pool.peak[buffer], pool.used[buffer] - pool.bufdelbytes[buffer]);
+}
+
+// Before another text is placed.
+inline bool wants_compaction(const TextPool &pool) noexcept
+{
+    return pool.cnt[pool.curbuf] > pool.balance_limit || load(pool.gcrequest) != 0;
+}
+
 // The text that ends at the fill position, its size in the record's word to be, belongs to the current buffer from now
 // on.
 inline void commit(Held held, TextPool &pool, dynstr &record, StringInfo info) noexcept
 {
     const u32 buffer = pool.curbuf;
-    const u32 size = info.size();
-    pool.used[buffer] += size;
-    pool.usedbytes += size;
-    raise_to(pool.peakbytes, pool.usedbytes - pool.delbytes);
-    raise_to(pool.peak[buffer], pool.used[buffer] - pool.bufdelbytes[buffer]);
+    fill(pool, buffer, info.size());
     if (dynstr *&last = pool.last[buffer]; last != &record) {
         record.prev = last;
         (last == nullptr ? pool.first[buffer] : last->next) = &record;

@@ -30,6 +30,8 @@ class StringInfo {
     using ShortSize = Bits<0, 16>;
     using LongSize = Bits<0, 27>;
 
+    static constexpr u32 kNotPlain = Literal::put(0, 1) | Deleted::put(0, 1) | Long::put(0, 1);
+
     u32 word_;
 
 public:
@@ -39,6 +41,8 @@ public:
     constexpr bool is_literal() const noexcept { return Literal::get(word_) != 0; }
     constexpr bool is_deleted() const noexcept { return Deleted::get(word_) != 0; }
     constexpr bool is_long() const noexcept { return Long::get(word_) != 0; }
+    // A short form that is neither.
+    constexpr bool is_plain() const noexcept { return (word_ & kNotPlain) == 0; }
     constexpr u32 buffer() const noexcept { return Buffer::get(word_); }
     constexpr u32 size() const noexcept { return is_long() ? LongSize::get(word_) : ShortSize::get(word_); }
     constexpr u32 max_size() const noexcept { return is_long() ? 0 : MaxSize::get(word_); }

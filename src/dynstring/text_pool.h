@@ -89,7 +89,7 @@ inline TextPool *text_pool(PoolId id) noexcept
 }
 
 // The control block of the pool whose record this is; null for every other pointer. Deleted records have one too.
-inline TextPool *owner_pool(const void *record) noexcept
+[[gnu::always_inline]] inline TextPool *owner_pool(const void *record) noexcept
 {
     const PoolAid *const aid = owner_of(record);
     return aid != nullptr && aid->pool->slot_size >= slot_bytes(sizeof(dynstr)) ? text_pool_of(*aid) : nullptr;

@@ -260,7 +260,7 @@ namespace {
     const Result result = released         ? Result::ok
                           : aid != nullptr ? release_owned(held, *aid, object)
                                            : release(held, object);
-    default_lock.leave_at_length();
+    default_lock.leave();
     return result;
 }
 

@@ -1,19 +1,16 @@
 // Data buffers against lists of byte strings.
 #include "dyndata/area.h"
 #include "models/family.h"
-#include "support/file_calls.h"
-#include "support/pools.h"
 
 #include <memmanager/dyndata.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <list>
-#include <utility>
 
 namespace {
 
 constexpr unsigned kOk = MEMM_OK, kNoMemory = MEMM_E_NO_MEMORY;
+
+using Source = std::optional<std::string>;  // none: a null pointer
 
 // A data pool and what is to be in it. A second pool, of plain objects, goes through every allocation and release that
 // a call stands for: its descriptor foretells that of the data pool.
@@ -25,28 +22,21 @@ class Trial {
         std::string bytes{};
     };
     using Place = std::list<Object>::iterator;
-    struct Source {
-        const void *pointer;
-        std::string bytes;
-    };
 
-    unsigned id_, twins_;
+    const unsigned id_, twins_;
     const memm::data::Area &area_ = *static_cast<const memm::data::Area *>(memm_getpoolcookie_bypoolid(id_));
     std::list<Object> objects_;  // in the order of their bytes; those without any stand anywhere
     unsigned curr_ = 0, max_ = 0;
-    std::string given_;
 
     unsigned room() const { return area_.bufsize - curr_; }
     Place pick(Stream &in) { return std::next(objects_.begin(), in.next() % static_cast<int>(objects_.size())); }
 
-    // Bytes from outside, or null.
-    Source source(Stream &in)
+    Source any_source(Stream &in) const
     {
         if (in.one_in(32))
-            return {nullptr, "none"};
+            return {};
         const unsigned most = in.one_in(8) ? area_.bufsize + 2 : area_.bufsize / 4;
-        given_.assign(in.next() % most, static_cast<char>('a' + in.below(26)));
-        return {given_.data(), given_};
+        return std::string(in.next() % most, static_cast<char>('a' + in.below(26)));
     }
 
     // --- what the calls do ---
@@ -62,13 +52,13 @@ class Trial {
 
     unsigned write(Place object, const Source &source)
     {
-        if (source.pointer == nullptr)
+        if (!source)
             return kOk;
         const unsigned most = object->max != 0 ? std::min(object->max, room()) : room();
         object->max = most == 0 ? 0 : object->max;
-        const std::string kept = source.bytes.substr(0, most);
+        const std::string kept = source->substr(0, most);
         place(object, static_cast<unsigned>(kept.size()), kept);
-        return most < source.bytes.size() ? kNoMemory : kOk;
+        return most < source->size() ? kNoMemory : kOk;
     }
 
     unsigned replace(Place object, const Source &source)
@@ -85,12 +75,11 @@ class Trial {
 
     unsigned append(Place object, const Source &source)
     {
-        if (source.pointer == nullptr || object->bytes.empty())
+        if (!source || object->bytes.empty())
             return write(object, source);
         const bool is_last = std::all_of(std::next(object), objects_.end(), [](auto &o) { return o.bytes.empty(); });
-        const unsigned moved = is_last ? 0 : object->size;
-        const auto count = static_cast<unsigned>(source.bytes.size());
-        bool fits = room() > moved && room() - moved >= count;
+        const unsigned moved = is_last ? 0 : object->size, at_once = moved + static_cast<unsigned>(source->size());
+        bool fits = room() > moved && room() >= at_once;
         if (!is_last) {
             void *const work = memm_calloc(twins_), *const holder = work == nullptr ? work : memm_calloc(twins_);
             fits = fits && holder != nullptr;
@@ -100,7 +89,7 @@ class Trial {
         if (!fits)
             return kNoMemory;
         object->max = is_last ? object->max : 0;
-        place(object, moved + count, object->bytes + source.bytes);
+        place(object, at_once, object->bytes + *source);
         return kOk;
     }
 
@@ -115,75 +104,65 @@ class Trial {
     {
         const Place object = objects_.insert(objects_.end(), {handle, memm_calloc(twins_), max});
         const bool fits = object->twin != nullptr && write(object, source) == kOk;
-        found.same(handle == nullptr ? -1 : memm_getindex(handle), fits ? memm_getindex(object->twin) : -1, "created");
+        same(handle == nullptr ? -1 : memm_getindex(handle), fits ? memm_getindex(object->twin) : -1, "created");
         if (!fits)
             release(object);
     }
 
 public:
-    Difference found;
-
-    Trial(const char *name, int count, unsigned bytes)
-        : id_(static_cast<unsigned>(dyndata_initpool(name, count, bytes))),
-          twins_(static_cast<unsigned>(memm_initpool("", count, sizeof(dyndata), nullptr)))
+    Trial(int count, unsigned bytes)
+        : id_(static_cast<unsigned>(dyndata_initpool("", count, bytes))), twins_(make_pool("", count, sizeof(dyndata)))
     {
     }
 
     void step(Stream &in)
     {
         const unsigned what = in.below(16), max = in.below(20);
-        const Source from = source(in);
-        const auto length = static_cast<unsigned>(from.bytes.size());
+        const Source from = any_source(in);
+        const char *const pointer = from ? from->data() : nullptr;
+        const auto length = static_cast<unsigned>(from.value_or("none").size());
         if (what < 4 || objects_.empty())
-            return create(dyndata_fromdata(id_, from.pointer, length), 0, from);
+            return create(dyndata_fromdata(id_, pointer, length), 0, from);
         if (what == 4)
-            return create(dyndata_calloc_maxsize(id_, max), max, {nullptr, ""});
+            return create(dyndata_calloc_maxsize(id_, max), max, {});
         const Place object = pick(in);
-        if (what < 7) {
-            found.same(dyndata_setdata(object->handle, from.pointer, length), replace(object, from), "setdata");
-        } else if (what < 12) {
-            found.same(dyndata_adddata(object->handle, from.pointer, length), append(object, from), "adddata");
-        } else if (what == 12) {
-            found.same(dyndata_setmaxsize(object->handle, object->max = max), kOk, "setmaxsize");
-        } else {
-            const Place other = pick(in);
-            const bool equal = object->bytes == other->bytes && !other->bytes.empty();
-            found.same(dyndata_isdyndata_equal(object->handle, other->handle), int{equal}, "equal");
-            found.same(dyndata_free(object->handle), 0, "free");
-            release(object);
-        }
+        if (what < 7)
+            return same(dyndata_setdata(object->handle, pointer, length), replace(object, from), "setdata");
+        if (what < 12)
+            return same(dyndata_adddata(object->handle, pointer, length), append(object, from), "adddata");
+        if (what == 12)
+            return same(dyndata_setmaxsize(object->handle, object->max = max), kOk, "setmaxsize");
+        same(dyndata_free(object->handle), 0, "free");
+        release(object);
     }
 
-    void look()
+    void look() const
     {
         std::string expected;
         for (const Object &object : objects_) {
-            found.same(dyndata_getdata(object.handle), object.bytes.empty() ? nullptr : area_.buffer + expected.size(),
-                       "place");
-            found.same(dyndata_getdatasize(object.handle), object.size, "size");
-            found.same(dyndata_getmaxsize(object.handle), object.max, "maximum size");
+            same(dyndata_getdata(object.handle), object.bytes.empty() ? nullptr : area_.buffer + expected.size(),
+                 "place");
+            same(dyndata_getdatasize(object.handle), object.size, "size");
+            same(dyndata_getmaxsize(object.handle), object.max, "maximum size");
+            const Object &first = objects_.front();
+            same(dyndata_isdyndata_equal(object.handle, first.handle) != 0,
+                 object.bytes == first.bytes && !first.bytes.empty(), "equal");
             expected += object.bytes;
         }
         expected.resize(area_.bufsize, '\0');
-        found.same(std::string_view(reinterpret_cast<const char *>(area_.buffer), area_.bufsize), expected, "area");
-        found.same(std::pair(area_.curr, area_.max), std::pair(curr_, max_), "bytes in use");
-        found.same(figures(id_), figures(twins_), "counters");
+        same(std::string_view(reinterpret_cast<const char *>(area_.buffer), area_.bufsize), expected, "area");
+        same(std::pair(area_.curr, area_.max), std::pair(curr_, max_), "bytes in use");
+        same(figures(pool_at(id_)), figures(pool_at(twins_)), "counters");
     }
 };
 
 }  // namespace
 
-std::string run_family(std::span<const unsigned char> bytes)
+void step(Stream &in)
 {
-    static const bool started = memm_init(16, 1) == MEMM_OK && dyndata_init(3) == MEMM_OK;
-    static Trial trials[] = {{"few", 8, 80}, {"many", 40, 300}, {"tight", 9, 40}};
-    file_faults.open_error = EACCES;  // files for every depletion would take the most of the time
-    for (Stream in(bytes); started && !in.is_empty(); ++operations) {
-        Trial &trial = trials[in.below(std::size(trials))];
-        trial.step(in);
-        trial.look();
-        if (!trial.found.is_none())
-            return trial.found.first();
-    }
-    return "";
+    [[maybe_unused]] static const int started = dyndata_init(3);
+    static Trial trials[] = {{8, 80}, {40, 300}, {9, 40}};
+    Trial &trial = in.one_of(trials);
+    trial.step(in);
+    trial.look();
 }

@@ -1,20 +1,17 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <iterator>
+#include "support/pools.h"
+
+#include <algorithm>
+#include <optional>
 #include <span>
 #include <string>
+#include <utility>
 
 // A family of calls is one file of this folder: a decoder, which turns the bytes of a stream into calls, and a model,
 // against which it holds the library after each call. Streams may be anything. What one leaves, the next goes on from,
-// without end, so pools are made by the first stream and never again. drivers/ has a program for each source of
+// without end, so pools are made by the first operation and never again. drivers/ has a program for each source of
 // streams.
-
-// Empty, or the first difference.
-std::string run_family(std::span<const unsigned char> bytes);
-
-// Calls that were held against the model so far.
-inline unsigned long long operations = 0;
 
 // Hands out the bytes of a stream; zeros follow the last.
 class Stream {
@@ -35,30 +32,26 @@ public:
     unsigned below(unsigned limit) { return next() % limit; }
     int within(int from, int to) { return from + static_cast<int>(below(static_cast<unsigned>(to - from + 1))); }
     bool one_in(unsigned chances) { return below(chances) == 0; }
-    const auto &one_of(const auto &choices) { return std::data(choices)[next() % std::size(choices)]; }
+    auto &one_of(auto &&choices) { return std::data(choices)[next() % std::size(choices)]; }
 };
 
-// Keeps the first difference.
-class Difference {
-    std::string first_;
+// Those that were held against the model so far, with what a step does many of.
+inline unsigned long long operations = 0;
 
-public:
-    bool is_none() const { return first_.empty(); }
-    const std::string &first() const { return first_; }
-    void note(const std::string &what)
-    {
-        if (is_none())
-            first_ = what;
-    }
-    void expect(bool holds, const char *what)
-    {
-        if (!holds)
-            note(what);
-    }
-    // Whatever compares; gtest knows how to print it.
-    template <typename Is, typename Expected> void same(const Is &is, const Expected &expected, const char *what)
-    {
-        if (!(is == expected))
-            note(what + (": is " + testing::PrintToString(is)) + ", expected " + testing::PrintToString(expected));
-    }
-};
+// The next operation, held against the model. The manager has been started, for forty pools, four of them of strings.
+void step(Stream &in);
+
+// The first difference, or empty.
+inline std::string difference;
+
+// Whatever compares; gtest knows how to print it.
+template <typename Is, typename Expected> void same(const Is &is, const Expected &expected, const char *what)
+{
+    if (difference.empty() && !(is == expected))
+        difference = what + (": is " + testing::PrintToString(is)) + ", expected " + testing::PrintToString(expected);
+}
+
+inline void *object_at(unsigned pool, int slot)
+{
+    return slot < 0 ? nullptr : pool_at(pool).slots + static_cast<unsigned>(slot) * pool_at(pool).slot_size + 4;
+}

@@ -37,9 +37,8 @@ inline unsigned long address(const void *object) { return reinterpret_cast<unsig
 inline unsigned &header_of(void *object) { return static_cast<unsigned *>(object)[-1]; }
 
 // What a pool counts, to compare two pools that went through the same.
-inline auto figures(unsigned id)
+inline auto figures(const memm_pool &pool)
 {
-    const memm_pool &pool = pool_at(id);
     return std::tuple(pool.cur_count, pool.max_count, pool.max_count_rel, pool.free_count, pool.scan_steps, pool.flags,
                       pool.refs, pool.max_refs, pool.first_free - pool.slots, pool.last_used - pool.slots,
                       std::vector(pool.alloc_count, pool.alloc_count + MEMM_PATHS));

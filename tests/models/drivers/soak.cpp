@@ -10,10 +10,9 @@ int main(int argc, char **argv)
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(argc > 1 ? std::stoi(argv[1]) : 1);
     std::printf("%s: seed %u\n", MEMM_FAMILY, seed);
     std::fflush(stdout);
-    RandomStreams streams(seed);
-    std::string difference;
-    while (difference.empty() && std::chrono::steady_clock::now() < end)
-        difference = drive(streams.next());
+    std::mt19937 random(seed);
+    while (drive(random_stream(random)).empty() && std::chrono::steady_clock::now() < end)
+        ;
     std::printf("%s: seed %u, %llu operations: %s\n", MEMM_FAMILY, seed, operations,
                 difference.empty() ? "no difference" : difference.c_str());
     return difference.empty() ? 0 : 1;
