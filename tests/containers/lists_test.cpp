@@ -1,6 +1,5 @@
 // What the models leave open: long lists, pools that are full.
 #include "support/pools.h"
-#include "support/recording_platform.h"
 
 #include <algorithm>
 #include <random>
