@@ -32,4 +32,7 @@ inline bool begins_with(const char *text, const char *prefix) noexcept
     return text != nullptr && std::strncmp(text, prefix, std::strlen(prefix)) == 0;
 }
 
+// Names of locks and callers that are missing have one in every text.
+inline const char *known(const char *name) noexcept { return name == nullptr ? "-unknown-" : name; }
+
 }  // namespace memm

@@ -143,7 +143,7 @@ bool is_still_changeable(const TextPool &pool, dynstr &record) noexcept
         length > std::min(pool.room(), kShortTextSize - size) || wants_compaction(pool)) [[unlikely]] {
         return false;
     }
-    std::memmove(record.str + size - 1, text, length);
+    std::memmove(record.str + size - 1, text, static_cast<std::size_t>(length));
     fill(pool, buffer, static_cast<u32>(length));
     set_info(record, info.with_size(size + static_cast<u32>(length)));
     return true;

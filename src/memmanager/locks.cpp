@@ -29,9 +29,6 @@ constexpr const char *kNobody = "----";  // task names have four characters
 constexpr unsigned kMutexTimedOut = 6;
 constexpr int kPatienceMs = 10000;
 
-// Names that are missing have one in every text.
-const char *known(const char *name) noexcept { return name == nullptr ? "-unknown-" : name; }
-
 class LockRegistry {
     static constexpr unsigned kSize = 50;
 

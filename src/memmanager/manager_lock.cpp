@@ -1,5 +1,7 @@
 #include "memmanager/manager_lock.h"
 
+#include "base/text.h"
+
 extern "C" {
 void memm_default_P(const char *tag);
 void memm_default_V(void);
@@ -24,7 +26,7 @@ template <typename Function> bool is_same(Function *one, Function *other) noexce
 void ManagerLock::enter_both(const char *tag) noexcept
 {
     const BusyTask busy;
-    P(tag);
+    P(known(tag));
     default_lock.enter();
 }
 

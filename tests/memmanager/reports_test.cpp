@@ -193,6 +193,9 @@ TEST(locks, count_holds_and_wait_as_long_as_it_takes)
     EXPECT_EQ(state(lock), "---- -1, depth 2, 4 takes, 2 waits of 3000 us, at most 1500");
     recorder().fail_nth(Op::create, 1, 77);
     EXPECT_EQ(lock_initlock(&lock, nullptr), 77);
+    recorder().forget();
+    memm_lock(nullptr), memm_unlock();
+    EXPECT_EQ(recorder().take_tags(), "-unknown- ");
 }
 
 TEST(locks, table_shows_and_clears_the_records)

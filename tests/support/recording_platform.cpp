@@ -130,7 +130,7 @@ void P(const char *tag)
     manager_lock.take();
     ++recorder().depth_;
     if (!is_nested)
-        recorder().add(recorder().tags_, text("%s ", tag));  // null is a tag too
+        recorder().add(recorder().tags_, std::string(tag) + " ");
 }
 
 void V(void)
