@@ -1,5 +1,6 @@
 // What the models leave open: long lists, pools that are full.
 #include "support/pools.h"
+#include "support/recording_platform.h"
 
 #include <algorithm>
 #include <random>
@@ -39,6 +40,34 @@ TEST(sorting, gives_the_order_of_the_written_insertion_and_loses_no_node_by_a_co
                 std::sort(sorted.begin(), sorted.end());
             ASSERT_EQ(sorted, expected) << count << ", " << arrangement;
         }
+}
+
+TEST(lists, are_cloned_by_reference_and_shown_with_what_they_hold)
+{
+    const unsigned objects = make_pool("o", 1, 4);
+    const auto node_bytes = static_cast<int>(sizeof(llist));
+    for (const auto &[asked, given] : {std::pair{1, node_bytes}, {node_bytes + 8, node_bytes + 8}}) {
+        const int id = llist_initpool("", 1, asked, nullptr);
+        EXPECT_EQ(pool_at(static_cast<unsigned>(id)).slot_size, pool_at(make_pool("", 1, given)).slot_size) << asked;
+    }
+    const int nodes = llist_initpool("n", 4, sizeof(llist), nullptr);
+    void *const object = memm_calloc(objects);
+    llist *list = nullptr, *copy = nullptr;
+    llist_addobject(&list, object, nodes);
+    EXPECT_EQ(llist_clone(&copy, static_cast<llist *>(object), nodes), unsigned{MEMM_E_INVALID});
+    EXPECT_TRUE(llist_clone(&copy, list, nodes) == 0 && llist_clone(&list, list, nodes) == 0);
+    EXPECT_EQ(std::tuple(llist_getlength(copy), llist_getlength(list), header_of(object)),
+              std::tuple(1, 2, 2U << 24 | objects));
+    recorder().forget();
+    memm_print_objects("n");
+    const std::string shown = recorder().take_debug(),
+                      held = text(", obj=%u.o.0.0x%08lx.[3 refs]\r\n", objects, address(object));
+    EXPECT_NE(
+        shown.find(text(" %d.n.0.0x%08lx, next=%d.n.2.0x%08lx", nodes, address(list), nodes, address(list->next)) +
+                   held),
+        shown.npos)
+        << shown;
+    EXPECT_NE(shown.find(", next=0x0: null" + held), shown.npos) << shown;
 }
 
 // The list is released.

@@ -296,6 +296,11 @@ public:
             return same(dynstr_addstring(to, text), from ? append(d, *from, std::ssize(*from)) : kInvalid, "addstring");
         case 4:
             return same(dynstr_addstring_size(to, text, length), append(d, from.value_or(""), length), "adding a part");
+        case 5:
+            if (!getstring(s).empty())  // an empty text may be copied too
+                same(dynstr_setsubdynstr(to, other, offset, length),
+                     is_string(s) ? assign(d, whole(s), offset, length) : kInvalid, "setsubdynstr");
+            return;
         case 6:
             return same(dynstr_setmaxsize(to, max), limit(d, max), "setmaxsize");
         case 7:
