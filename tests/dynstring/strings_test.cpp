@@ -132,6 +132,31 @@ struct Damaged {
     dynstr &one, &two;
 };
 
+TEST(compaction, names_what_it_finds_wrong_and_goes_on)
+{
+    const std::pair<void (*)(dynstr &), std::string> faults[] = {
+        {[](dynstr &) {}, ""},
+        {[](dynstr &d) { d.info ^= 1U << 27; },
+         "next_dynstr has wrong buffernr.\r\ncurr_dynstr has wrong buffernr.\r\n"},
+        {[](dynstr &d) { d.str[1] = '\0'; }, "strlen+1 != dynstr_size.\r\n"},
+        {[](dynstr &d) { d.str -= 8; }, "dynstr->str sort error.\r\nstrlen+1 != dynstr_size.\r\n"}};
+    for (const auto &[damage, expected] : faults) {
+        const unsigned pool = make_strings(100, 1, 10);
+        dynstr *const gone = make(pool, "gone");
+        const dynstr *const first = make(pool, "first");
+        damage(*make(pool, "second"));
+        memm_free(gone);
+        make(pool, std::string(84, 'x'));  // finds room where the first one was
+        std::string found;
+        for (std::string rest = recorder().take_trace(), mark = "[DYNSTR] loc_dynstr_gc "; rest.starts_with(mark);) {
+            found += rest.substr(mark.size(), rest.find('\n') + 1 - mark.size());
+            rest.erase(0, rest.find('\n') + 1);
+        }
+        EXPECT_EQ(found, expected);
+        EXPECT_STREQ(first->str, "first");
+    }
+}
+
 TEST(integrity_check, names_every_fault)
 {
     const std::string order = "\r\n  - E: next->str >= curr->str, ", no_next = "\r\n  - E: !next && last != curr, ",
