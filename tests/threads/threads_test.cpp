@@ -4,6 +4,7 @@
 #include "support/rounds.h"
 
 #include <memmanager/platform.h>
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <thread>
@@ -171,5 +172,37 @@ TEST(signals, wait_for_whoever_holds_the_pools)
         EXPECT_EQ(dumps_opened, 2U) << i;
     }
 }
+
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)  // have frames of their own
+constexpr long kReportStack = sizeof(void *) == 8 && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? 5120 : 4096;  // s390x
+
+// The kernel's frame included.
+long stack_used_by(int signal)
+{
+    static std::array<unsigned char, 1 << 16> bytes;
+    bytes.fill(0xa5);
+    const stack_t own{.ss_sp = bytes.data(), .ss_flags = 0, .ss_size = bytes.size()}, none{nullptr, SS_DISABLE, 0};
+    sigaltstack(&own, nullptr);
+    raise(signal);
+    sigaltstack(&none, nullptr);
+    return bytes.end() - std::ranges::find_if(bytes, [](unsigned char byte) { return byte != 0xa5; });
+}
+
+TEST(signals, need_at_most_4_KB_of_stack)
+{
+    const OwnFolder folder;
+    folder.order("stats\nall\n");
+    memm_calloc(make_pool("a", 4));
+    struct sigaction nothing {};
+    nothing.sa_handler = [](int) {};
+    nothing.sa_flags = SA_ONSTACK;
+    sigaction(SIGALRM, &nothing, nullptr);
+    for (const int signal : {SIGUSR1, SIGUSR2}) {
+        raise(signal);  // the program's own links are made on their first use
+        const long used = stack_used_by(signal) - stack_used_by(SIGALRM);
+        EXPECT_TRUE(used > 100 && used <= kReportStack) << signal << ": " << used;
+    }
+}
+#endif
 
 }  // namespace
