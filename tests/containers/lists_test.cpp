@@ -68,6 +68,7 @@ TEST(lists, are_cloned_by_reference_and_shown_with_what_they_hold)
         shown.npos)
         << shown;
     EXPECT_NE(shown.find(", next=0x0: null" + held), shown.npos) << shown;
+    EXPECT_TRUE(llist_move_byobject(&list, &copy, object) == 0 && llist_getlength(copy) == 2);
 }
 
 // The list is released.

@@ -54,6 +54,8 @@ TEST(data_reports, show_areas_and_bytes_to_the_last_character)
     const std::string row = text(" r_data                         4,     4,     4   %6d,%6d,%6d", used, used, used),
                       report = recorder().take_debug();
     EXPECT_NE(report.find(row + "  ( 100%)       0,    0,    -  \r\n" + area), report.npos) << report;
+    EXPECT_NE(report.find(text("Total usage   %37d,%6d,%6d  (", used + 81, used + 150, used + 200)), report.npos)
+        << report;
     const std::string shown[] = {"0, data=''", "3, data='a'", "48, data='" + l.substr(1) + "...'",
                                  "30, data='" + e + "'"};
     std::string expected = "r_data....................usage cur/max/avail (max.%): 4/4/4 (100%)\r\n" + area;
@@ -61,6 +63,10 @@ TEST(data_reports, show_areas_and_bytes_to_the_last_character)
         expected += text(" %u.r_data.%d.0x%08lx - size=%s\r\n", pool, i, address(objects[i]), shown[i].c_str());
     memm_print_objects("r_data");
     EXPECT_EQ(recorder().take_debug(), expected + "\r\n\r\n");
+    memm_print_objects("dyndata_pool");
+    EXPECT_NE(recorder().take_debug().find(" - 'r_data'\r\n"), std::string::npos);
+    EXPECT_EQ(dyndata_initpool("r_data", 4, 200), -1) << "the name is taken";
+    EXPECT_EQ(recorder().take_errors(), "0x10007 2 DYNDATA dyndata: dyndata init pool failed\n");
 }
 
 }  // namespace
