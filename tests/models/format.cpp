@@ -1,41 +1,74 @@
-// Formatted output into a pool whose one buffer is nearly full, with and without a limit. Conversions are the business
-// of tests/base; here they are such as give texts of any length, also with a zero in their midst.
+// Formatted output against the C library's: flags, widths, lengths and letters in any mixture, also such as mean
+// nothing, into strings with and without a limit and in a pool whose buffer is nearly full.
 #include "dynstring/text_pool.h"
 #include "models/family.h"
 #include "support/recording_platform.h"
 
 #include <memmanager/dynstring.h>
+#include <climits>
 
-void step(Stream &in)
+namespace {
+
+constexpr const char *kFlags[] = {"", "", "0", "-", "00", "-0", "+", " ", "#"};
+constexpr const char *kWidths[] = {"", "", "1", "7", "12", "40", "300", ".3", "9.5", "."};
+constexpr const char *kLengths[] = {"", "", "l", "ll", "h", "hh", "z", "j"};
+constexpr const char *kWords[] = {"", "ab", "a longer word than most", nullptr};
+constexpr long long kValues[] = {0, 1, -1, 42, -100, 65, INT_MAX, INT_MIN, 4294967295, LLONG_MAX, LLONG_MIN};
+
+struct Target {
+    const unsigned pool = static_cast<unsigned>(dynstr_initpool2("texts", 20, 400, 1));
+    const memm::strings::TextPool &texts = *memm::strings::text_pool(memm::PoolId{pool});
+    dynstr *const string = dynstr_calloc(pool);
+    dynstr *filler = nullptr;  // takes a part of the buffer
+};
+Target &target()
 {
-    static const auto pool = static_cast<unsigned>(dynstr_initpool2("texts", 20, 400, 1));
-    static const memm::strings::TextPool &texts = *memm::strings::text_pool(memm::PoolId{pool});
-    static dynstr *const string = dynstr_calloc(pool);
-    static dynstr *filler = nullptr;  // takes a part of the buffer
+    static Target one;
+    return one;
+}
+
+void print(Stream &in, const std::string &format, auto... values)
+{
+    auto &[pool, texts, string, filler] = target();
     if (in.one_in(4)) {
         memm_free(filler);
         filler = dynstr_fromprintf(pool, "%*s", in.within(0, 250), "");
     }
     const unsigned max = in.one_in(2) ? 0 : in.below(50);
     same(dynstr_reset(string) + dynstr_setmaxsize(string, max), 0U, "set-up");
-
-    const int width = in.one_in(4) ? 300 : in.within(-60, 60), letter = in.within(0, 1) * 'x',
-              number = in.within(-9, 99);
-    const std::string whole = text("%*s%c%d", width, "words", letter, number);
+    char printed[700];
+    const auto size = static_cast<std::size_t>(std::snprintf(printed, sizeof printed, format.c_str(), values...));
     const unsigned room = texts.room(), asked = recorder().calls(Op::getmem);
     const bool has_no_block = in.one_in(4);
     recorder().fail_nth(Op::getmem, has_no_block ? 1 : 0);
-    const unsigned result = dynstr_sprintf(string, "%*s%c%d", width, "words", letter, number);
+    const unsigned result = dynstr_sprintf(string, format.c_str(), values...);
     recorder().fail_never();
-
-    const std::size_t length = max == 0 ? whole.size() : std::min<std::size_t>(whole.size(), max - 1);
-    const std::string expected = whole.substr(0, length).c_str();
+    const std::size_t length = max == 0 ? size : std::min<std::size_t>(size, max - 1);
+    const std::string expected = std::string(printed, length).c_str();  // there may be a zero in its midst
     // Without room at the end a text waits outside while the buffer is compacted, where only the other one stays.
     const bool fits = length < room;
     const bool fits_then = !has_no_block && expected.size() + 1 + dynstr_strlen(filler) + 1 <= texts.bufsize;
     same(recorder().calls(Op::getmem) != asked, !fits, "a block from outside");
     same(result, fits || fits_then ? 0U : unsigned{MEMM_E_NO_MEMORY}, "result");
-    same(std::string(dynstr_getstring(string)), result == 0 ? expected : "", "text");
+    same(std::string(dynstr_getstring(string)), result == 0 ? expected : "", format.c_str());
     same(string->str == nullptr, result != 0, "an address");
     same(dynstr_integrity_check(pool, 0), 1, "integrity_check");
+}
+
+}  // namespace
+
+void step(Stream &in)
+{
+    const char letter = in.one_of(std::string_view("diuxdxXoc%"));
+    const std::string length = letter == 'c' || letter == '%' ? "" : in.one_of(kLengths);
+    const std::string format = text("<%%%%> %%%s%ss|%%%s%s%s%c", in.one_in(2) ? "-" : "", in.one_of(kWidths),
+                                    in.one_of(kFlags), in.one_of(kWidths), length.c_str(), letter);
+    const char *const word = in.one_of(kWords);
+    const long long value = in.one_of(kValues);
+    if (length == "ll" || length == "j")
+        print(in, format, word, value);
+    else if (length == "l" || length == "z")
+        print(in, format, word, static_cast<long>(value));
+    else
+        print(in, format, word, static_cast<int>(value));
 }
