@@ -226,9 +226,10 @@ u32 write_at_once(const strings::TextPool &pool, const Join &join) noexcept
         join.last != kAll) {
         return 0;
     }
-    const PoolAid *const items = owner_of(join.list->obj);
-    const strings::TextPool *const texts = items == nullptr ? nullptr : strings::text_pool_of(*items);
-    return texts == nullptr ? 0 : write_at_once(pool, *items, *texts, join.list, join.separator.front());
+    const strings::TextPool *const texts = strings::owner_pool(join.list->obj);
+    return texts == nullptr
+               ? 0
+               : write_at_once(pool, registry.aid(PoolId{texts->poolid}), *texts, join.list, join.separator.front());
 }
 
 // Measured once and written once, into room of the exact size. No item makes no text; empty items make an empty one.

@@ -41,7 +41,7 @@ public:
     constexpr bool is_literal() const noexcept { return Literal::get(word_) != 0; }
     constexpr bool is_deleted() const noexcept { return Deleted::get(word_) != 0; }
     constexpr bool is_long() const noexcept { return Long::get(word_) != 0; }
-    // A short form that is neither.
+    // Neither literal nor deleted, and in the short form.
     constexpr bool is_plain() const noexcept { return (word_ & kNotPlain) == 0; }
     constexpr u32 buffer() const noexcept { return Buffer::get(word_); }
     constexpr u32 size() const noexcept { return is_long() ? LongSize::get(word_) : ShortSize::get(word_); }
