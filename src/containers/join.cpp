@@ -184,40 +184,92 @@ void write(const Join &join, const Measure &measured, Writer &writer) noexcept
     }
 }
 
+// The texts of a list, written to the fill position of a pool one behind the other, each with the separator behind it,
+// as long as they lie in the buffers of one pool and there is room.
+class Chain {
+    const StringTest test_;
+    const strings::TextPool &texts_;
+    const char separator_;
+    char *to_;
+    char *const end_;
+    u32 buffer_ = 0;                // where short texts are expected
+    std::uintptr_t last_from_ = 0;  // the last of its places from which kShort bytes can be read
+
+    void look_in(u32 buffer) noexcept
+    {
+        buffer_ = buffer;
+        last_from_ = reinterpret_cast<std::uintptr_t>(texts_.buf[buffer]) + texts_.used[buffer] - kShort;
+    }
+
+public:
+    Chain(const strings::TextPool &pool, const PoolAid &items, const strings::TextPool &texts, char separator) noexcept
+        : test_(items), texts_(texts), separator_(separator), to_(pool.fill_position()),
+          end_(to_ + std::min(pool.room(), strings::kMaxTextSize))
+    {
+        look_in(texts.curbuf);
+    }
+    char *end() const noexcept { return to_; }
+
+    // Short texts that lie in one buffer, each copied with what stands behind it. The first node that it leaves.
+    [[gnu::always_inline]] const Node *write_short(const Node *node) noexcept
+    {
+        const auto last_to = reinterpret_cast<std::uintptr_t>(end_) - 2 * kShort;
+        const StringTest test = test_;
+        char *to = to_;
+        while (node != nullptr && test.is_in_known_pool(node->obj)) {
+            const auto &record = *static_cast<const dynstr *>(node->obj);
+            const strings::StringInfo info = strings::info_of(record);
+            if (!info.is_plain_in(buffer_) || info.size() - 1 > kShort ||
+                reinterpret_cast<std::uintptr_t>(record.str) > last_from_ ||
+                reinterpret_cast<std::uintptr_t>(to) > last_to) [[unlikely]] {
+                break;
+            }
+            std::memcpy(to, record.str, kShort);
+            to += info.size();
+            to[-1] = separator_;
+            node = node->next;
+        }
+        to_ = to;
+        return node;
+    }
+
+    // Any text; short ones of its buffer may follow.
+    bool write_one(const Node &node) noexcept
+    {
+        if (!test_.is_in_known_pool(node.obj)) {
+            return false;
+        }
+        const auto &record = *static_cast<const dynstr *>(node.obj);
+        const strings::StringInfo info = strings::info_of(record);
+        if (!info.is_plain() || info.size() == 0 || info.size() + kShort > static_cast<std::size_t>(end_ - to_)) {
+            return false;
+        }
+        std::memcpy(to_, record.str, info.size() - 1);
+        to_ += info.size();
+        to_[-1] = separator_;
+        look_in(info.buffer());
+        return true;
+    }
+};
+
 // Whole lists of texts in the buffers of one pool, joined by one character, need not be measured: they are
 // written to the fill position as they are met. The size of the text there, its zero included; 0, and free space is as
 // it was, where anything else turns up or room is short.
 [[gnu::noinline]] u32 write_at_once(const strings::TextPool &pool, const PoolAid &items, const strings::TextPool &texts,
                                     const Node *node, const char separator) noexcept
 {
-    char *const room = pool.fill_position();
-    const char *const end = room + std::min(pool.room(), strings::kMaxTextSize);
-    char *to = room;
-    const StringTest test{items};
-    while (node != nullptr && test.is_in_known_pool(node->obj)) {
-        const auto &record = *static_cast<const dynstr *>(node->obj);
-        const strings::StringInfo info = strings::info_of(record);
-        if (!info.is_plain() || info.size() == 0 || info.size() + 2 * kShort > static_cast<std::size_t>(end - to))
-            [[unlikely]] {
-            break;
-        }
-        const u32 length = info.size() - 1;
-        const char *const texts_end = texts.buf[info.buffer()] + texts.used[info.buffer()];
-        if (length <= kShort && texts_end - record.str >= static_cast<std::ptrdiff_t>(kShort)) [[likely]] {
-            std::memcpy(to, record.str, kShort);
-        } else {
-            std::memcpy(to, record.str, length);
-        }
-        to += length;
-        *to++ = separator;
+    Chain chain(pool, items, texts, separator);
+    while ((node = chain.write_short(node)) != nullptr && chain.write_one(*node)) {
         node = node->next;
     }
-    if (node != nullptr || to == room) [[unlikely]] {
-        std::memset(room, 0, std::min<std::size_t>(to - room + kShort, end - room));
+    char *const room = pool.fill_position();
+    char *const end = chain.end();
+    if (node != nullptr || end == room) [[unlikely]] {
+        std::memset(room, 0, std::min<std::size_t>(end - room + kShort, pool.room()));
         return 0;
     }
-    std::memset(to - 1, 0, kShort);  // the separator, and what was copied too much
-    return static_cast<u32>(to - room);
+    std::memset(end - 1, 0, kShort);  // the separator, and what was copied too much
+    return static_cast<u32>(end - room);
 }
 
 u32 write_at_once(const strings::TextPool &pool, const Join &join) noexcept
@@ -256,25 +308,23 @@ Result fill(Held held, strings::TextPool &pool, dynstr &string, const Join &join
     return rewrite.finish();
 }
 
-dynstr *join(Held held, unsigned strpool, const Join &join) noexcept
+dynstr *join(Held held, strings::TextPool &pool, const Join &join) noexcept
 {
-    const PoolId id{strpool};
-    strings::TextPool *const pool = strings::text_pool(id);
-    if (pool == nullptr || (join.list != nullptr && !is_node(join.list))) {
+    if (join.list != nullptr && !is_node(join.list)) {
         return nullptr;
     }
-    return strings::create_with(held, allocate(held, id),
-                                [&](dynstr &string) { return fill(held, *pool, string, join); });
+    return strings::create_with(held, allocate(held, PoolId{pool.poolid}),
+                                [&](dynstr &string) { return fill(held, pool, string, join); });
 }
 
 // Asked before the lock is taken.
-bool is_string_pool(unsigned strpool, const char *function) noexcept
+strings::TextPool *text_pool(unsigned strpool, const char *function) noexcept
 {
-    if (strings::text_pool(PoolId{strpool}) == nullptr) {
+    strings::TextPool *const pool = strings::text_pool(PoolId{strpool});
+    if (pool == nullptr) {
         strings::trace_bad_pool(function);
-        return false;
     }
-    return true;
+    return pool;
 }
 
 std::string_view separator_given(const char *separator) noexcept { return separator == nullptr ? "" : separator; }
@@ -290,30 +340,33 @@ extern "C" {
 
 dynstr *dynstr_fromstrlist(unsigned strpool, llist *list, const char *separator)
 {
-    if (!is_string_pool(strpool, "dynstr_fromstrlist")) {
+    strings::TextPool *const pool = text_pool(strpool, "dynstr_fromstrlist");
+    if (pool == nullptr) {
         return nullptr;
     }
     const ManagerLock lock("dynstr_fromstrlist");
-    return join(lock.held(), strpool, {list, separator_given(separator), '\0', 0, kAll});
+    return join(lock.held(), *pool, {list, separator_given(separator), '\0', 0, kAll});
 }
 
 dynstr *dynstr_frompartialstrlist(unsigned strpool, llist *list, const char *separator, int first, int last)
 {
-    if (!is_string_pool(strpool, "dynstr_frompartialstrlist")) {
+    strings::TextPool *const pool = text_pool(strpool, "dynstr_frompartialstrlist");
+    if (pool == nullptr) {
         return nullptr;
     }
     const ManagerLock lock("dynstr_frompartialstrlist");
-    return join(lock.held(), strpool, {list, separator_given(separator), '\0', first, last});
+    return join(lock.held(), *pool, {list, separator_given(separator), '\0', first, last});
 }
 
 dynstr *dynstr_fromstrlist_escaped(unsigned strpool, llist *list, const char *separator, char escape)
 {
-    if (!is_string_pool(strpool, "dynstr_fromstrlist_escaped")) {
+    strings::TextPool *const pool = text_pool(strpool, "dynstr_fromstrlist_escaped");
+    if (pool == nullptr) {
         return nullptr;
     }
     const ManagerLock lock("dynstr_fromstrlist_escaped");
     const std::string_view text = separator_given(separator);
-    return join(lock.held(), strpool, {list, text, usable_escape(text, escape), 0, kAll});
+    return join(lock.held(), *pool, {list, text, usable_escape(text, escape), 0, kAll});
 }
 
 void _dynstr_ex_fromstrlist(unsigned strpool, dynstr **slot, llist *list, const char *separator, const char *file,

@@ -31,6 +31,7 @@ class StringInfo {
     using LongSize = Bits<0, 27>;
 
     static constexpr u32 kNotPlain = Literal::put(0, 1) | Deleted::put(0, 1) | Long::put(0, 1);
+    static constexpr u32 kForm = kNotPlain | Buffer::put(0, 3);
 
     u32 word_;
 
@@ -44,6 +45,7 @@ public:
     // Neither literal nor deleted, and in the short form.
     constexpr bool is_plain() const noexcept { return (word_ & kNotPlain) == 0; }
     constexpr u32 buffer() const noexcept { return Buffer::get(word_); }
+    constexpr bool is_plain_in(u32 buffer) const noexcept { return (word_ & kForm) == Buffer::put(0, buffer); }
     constexpr u32 size() const noexcept { return is_long() ? LongSize::get(word_) : ShortSize::get(word_); }
     constexpr u32 max_size() const noexcept { return is_long() ? 0 : MaxSize::get(word_); }
 

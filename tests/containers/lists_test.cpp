@@ -10,6 +10,7 @@ namespace {
 std::mt19937 dice(271);
 
 int by_value(void *placed, void *ordered) { return *static_cast<int *>(placed) - *static_cast<int *>(ordered); }
+int is_behind(void *placed, void *ordered) { return by_value(placed, ordered) > 0 ? 1 : 0; }
 int by_chance(void *, void *) { return static_cast<int>(dice() % 3) - 1; }
 
 TEST(sorting, gives_the_order_of_the_written_insertion_and_loses_no_node_by_a_comparison_that_contradicts_itself)
@@ -33,13 +34,29 @@ TEST(sorting, gives_the_order_of_the_written_insertion_and_loses_no_node_by_a_co
             const bool is_chaos = arrangement == 6;
             if (!is_chaos)
                 std::stable_sort(expected.begin(), expected.end(), [](void *a, void *b) { return by_value(a, b) < 0; });
-            ASSERT_EQ(llist_sort(&list, is_chaos ? by_chance : by_value), 0U);
+            ASSERT_EQ(llist_sort(&list, is_chaos ? by_chance : arrangement % 2 == 0 ? by_value : is_behind), 0U);
             while (list != nullptr && sorted.size() <= count)
                 sorted.push_back(llist_popobject(&list));
             if (is_chaos)
                 std::sort(sorted.begin(), sorted.end());
             ASSERT_EQ(sorted, expected) << count << ", " << arrangement;
         }
+}
+
+TEST(lists, of_1000000_nodes_are_released_on_a_stack_of_64_KB)
+{
+    const int nodes = make_nodes(1000000);
+    llist *list = nullptr;
+    for (int i = 0; i < 1000000; ++i)
+        ASSERT_EQ(llist_pushobject(&list, nullptr, nodes), 0U);
+    pthread_attr_t small;
+    pthread_attr_init(&small);
+    ASSERT_EQ(pthread_attr_setstacksize(&small, 64 << 10), 0);
+    const auto release = [](void *plist) -> void * { return llist_free_plist(static_cast<llist **>(plist)), nullptr; };
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &small, release, &list), 0);
+    pthread_join(thread, nullptr);
+    EXPECT_TRUE(list == nullptr && pool_at(static_cast<unsigned>(nodes)).cur_count == 0);
 }
 
 TEST(lists, are_cloned_by_reference_and_shown_with_what_they_hold)
