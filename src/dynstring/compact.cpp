@@ -4,34 +4,38 @@
 #include "memmanager/trace.h"
 
 #include <memmanager/platform.h>
+#include <algorithm>
 #include <cstring>
 
 namespace memm::strings {
 
 namespace {
 
-// Both results differ only for a text that was written behind the library's back.
-bool ends_where_size_says(const dynstr &record) noexcept
+using Bytes [[gnu::vector_size(16)]] = unsigned char;
+
+// 255 where a byte is zero.
+Bytes zeros_at(const char *from) noexcept
 {
-    const u32 size = size_of(record);
-    return size != 0 && std::memchr(record.str, 0, size) == record.str + size - 1;
+    Bytes bytes;
+    std::memcpy(&bytes, from, sizeof bytes);
+    return reinterpret_cast<Bytes>(bytes == 0);
 }
 
 // Sixteen at a time; a byte of the sum counts up to 255 zeros.
 u32 count_zeros(const char *from, const char *end) noexcept
 {
-    using Bytes [[gnu::vector_size(16)]] = unsigned char;
-    constexpr unsigned kVectors = 4;
-    constexpr std::ptrdiff_t kBlock = kVectors * sizeof(Bytes);
-    constexpr unsigned kMostBlocks = 255 / kVectors;
+    constexpr std::ptrdiff_t kMost = 252;
+    constexpr std::ptrdiff_t kVector = sizeof(Bytes);
     u32 zeros = 0;
-    while (end - from >= kBlock) {
+    while (end - from >= kVector) {
         Bytes sum{};
-        for (unsigned left = kMostBlocks; left > 0 && end - from >= kBlock; --left, from += kBlock) {
-            Bytes bytes[kVectors];
-            std::memcpy(bytes, from, sizeof bytes);
-            sum -= reinterpret_cast<Bytes>(bytes[0] == 0) + reinterpret_cast<Bytes>(bytes[1] == 0) +
-                   (reinterpret_cast<Bytes>(bytes[2] == 0) + reinterpret_cast<Bytes>(bytes[3] == 0));
+        std::ptrdiff_t vectors = std::min((end - from) / kVector, kMost);
+        for (; vectors >= 4; vectors -= 4, from += 4 * kVector) {
+            sum -= zeros_at(from) + zeros_at(from + kVector) +
+                   (zeros_at(from + 2 * kVector) + zeros_at(from + 3 * kVector));
+        }
+        for (; vectors > 0; --vectors, from += kVector) {
+            sum -= zeros_at(from);
         }
         for (unsigned i = 0; i < sizeof sum; ++i) {
             zeros += sum[i];
@@ -50,6 +54,14 @@ void trace_finding(const char *text) noexcept
     }
 }
 
+// Both results differ only for a text that was written behind the library's back.
+void check_end(const char *text, u32 size) noexcept
+{
+    if (size == 0 || std::memchr(text, 0, size) != text + size - 1) {
+        trace_finding("[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.\r\n");
+    }
+}
+
 void trace_corrected(const char *text, u32 from, u32 to) noexcept
 {
     if (is_traced(1)) {
@@ -59,30 +71,33 @@ void trace_corrected(const char *text, u32 from, u32 to) noexcept
 
 // A pass along the list of one buffer, from its first deleted record on:
 //
-//     old:  |live|del|live|live|del|del|live|        a run is the live texts between two deleted ones: its records get
-//     new:  |live|live|live|live|                    their new place while it is walked, its bytes move when it ends
+//     old:  |live|del|live|live|del|del|live|        a run is the live texts between two deleted ones; its records get
+//     new:  |live|live|live|live|                    their new place as they are met, its bytes a stretch at a time
 class Compaction {
     Held held_;
     TextPool &pool_;
     const PoolAid &records_;
     const u32 buffer_;
-    dynstr *previous_;  // the last record that stays
-    u32 shift_ = 0;     // bytes of the deleted texts passed
-    char *run_ = nullptr;
-    char *run_target_ = nullptr;
+    dynstr *previous_;     // the last record that stays
+    u32 shift_ = 0;        // bytes of the deleted texts passed
+    char *run_ = nullptr;  // null behind a deleted text
     u32 run_length_ = 0;
-    char *end_;  // of the texts that are in their place
+    u32 moved_ = 0;  // bytes of the run that are in their place, or are going to be at the end of the stretch
+    char *end_;      // of the texts that are in their place
     u32 freed_records_ = 0;
-    bool after_deleted_ = false;
 
-    struct Seen {
-        dynstr *record = nullptr;
-        StringInfo info{0};
+    // A stretch: the records that were passed last, and what is left to do for them.
+    static constexpr u32 kStretch = 64;
+    struct Move {
+        char *from;
+        u32 length;
+        u32 down;
     };
-    static constexpr u32 kAtOnce = 64;
-    Seen seen_[kAtOnce];
-    u32 seen_count_ = 0;
-    const dynstr *ahead_ = nullptr;  // where the next stretch will begin, or further on
+    u32 sizes_[kStretch];
+    Move moves_[kStretch + 1];
+    u32 move_count_ = 0;
+
+    const char *used_end() const noexcept { return pool_.buf[buffer_] + pool_.used[buffer_]; }
 
     void check(const dynstr &record) const noexcept
     {
@@ -96,50 +111,32 @@ class Compaction {
         if (next != nullptr && info_of(*next).buffer() != buffer_) {
             trace_finding("[DYNSTR] loc_dynstr_gc next_dynstr has wrong buffernr.\r\n");
         }
-        if (!ends_where_size_says(record)) {
-            trace_finding("[DYNSTR] loc_dynstr_gc strlen+1 != dynstr_size.\r\n");
+        check_end(record.str, size_of(record));
+    }
+
+    void note_move() noexcept
+    {
+        if (run_length_ > moved_) {
+            moves_[move_count_++] = {run_ + moved_, run_length_ - moved_, shift_};
+            moved_ = run_length_;
         }
     }
 
-    // The records from this one on about which check() has nothing to say, seen at one go: their texts lie side by
-    // side, and as many zeros as texts are there, one at each end. None when this one is to be checked by itself.
-    void see_sound(dynstr *record) noexcept
+    // Most runs are short: copied in blocks, they need no call. What is copied too much ends where the run did before.
+    void move(const Move &move) noexcept
     {
-        const char *const start = record->str;
-        const char *end = start;
-        u32 count = 0;
-        for (; record != nullptr && count < kAtOnce; record = record->next, ++count) {
-            const StringInfo info = info_of(*record);
-            const u32 size = info.size();
-            if (record->str != end || info.buffer() != buffer_ || size == 0 || end[size - 1] != '\0') {
-                break;
+        constexpr std::ptrdiff_t kBlock = 32;
+        const char *from = move.from;
+        const char *const from_end = from + move.length;
+        char *to = move.from - move.down;
+        end_ = to + move.length;
+        if (move.down >= kBlock && move.length <= 8 * kBlock && used_end() - from_end >= kBlock) [[likely]] {
+            for (; from < from_end; from += kBlock, to += kBlock) {
+                std::memcpy(to, from, kBlock);
             }
-            seen_[count] = {record, info};
-            end += size;
+        } else {
+            std::memmove(to, from, move.length);
         }
-        ahead_ = record;
-        if (count != 0 && count_zeros(start, end) != count) {
-            count = 0;
-        }
-        seen_count_ = count == 0 || record == nullptr ? count : count - 1;  // the last one's neighbour is unknown
-    }
-
-    void move_run() noexcept
-    {
-        if (run_ != nullptr) {
-            std::memmove(run_target_, run_, run_length_);
-            end_ = run_target_ + run_length_;
-            run_ = nullptr;
-        }
-    }
-
-    void close_run_before(const dynstr &record) noexcept
-    {
-        if (run_ != nullptr && static_cast<u32>(record.str - run_) != run_length_) {
-            trace_finding("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.\r\n");
-            run_length_ = static_cast<u32>(record.str - run_);
-        }
-        move_run();
     }
 
     // Somebody added a reference after the last release: the record lives on without a text, and the last release
@@ -147,7 +144,6 @@ class Compaction {
     void give_back(dynstr &record) noexcept
     {
         unsigned char *const slot = slot_of(&record);
-        --pool_.cnt[buffer_];
         ++freed_records_;
         if (ObjectHeader::of_slot(slot).extra_refs() == 0) {
             if (!finish_release_at_once(held_, records_, slot)) {
@@ -159,80 +155,109 @@ class Compaction {
         }
     }
 
-    void pass_deleted(dynstr &record, u32 size) noexcept
+    bool ends_run_before(const char *text) const noexcept
     {
-        close_run_before(record);
-        shift_ += size;
-        after_deleted_ = true;
-        give_back(record);
-    }
-
-    void begin_run(dynstr &record) noexcept
-    {
-        (previous_ == nullptr ? pool_.first[buffer_] : previous_->next) = &record;
-        record.prev = previous_;
-        run_ = record.str;
-        run_target_ = record.str - shift_;
-        run_length_ = 0;
-        after_deleted_ = false;
+        return run_ == nullptr || static_cast<u32>(text - run_) == run_length_;
     }
 
     void pass(dynstr &record, StringInfo info) noexcept
     {
-        const u32 size = info.size();
         if (info.is_deleted()) {
-            pass_deleted(record, size);
+            note_move();
+            run_ = nullptr;
+            shift_ += info.size();
+            give_back(record);
             return;
         }
-        if (after_deleted_) {
-            begin_run(record);
+        if (run_ == nullptr) {
+            (previous_ == nullptr ? pool_.first[buffer_] : previous_->next) = &record;
+            record.prev = previous_;
+            run_ = record.str;
+            run_length_ = 0;
+            moved_ = 0;
         }
-        run_length_ += size;
+        run_length_ += info.size();
         record.str -= shift_;
         previous_ = &record;
     }
 
-    // The list is scattered in memory: what the next stretch will look at is on its way while this one is worked on.
-    void fetch_ahead() noexcept
+    // A record that is checked for itself. Its neighbour is left as it is.
+    void pass_checked(dynstr &record) noexcept
     {
-        if (ahead_ != nullptr) {
-            ahead_ = ahead_->next;
-            __builtin_prefetch(ahead_);
+        check(record);
+        const StringInfo info = info_of(record);
+        if (info.is_deleted() && !ends_run_before(record.str)) {
+            trace_finding("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.\r\n");
+            run_length_ = static_cast<u32>(record.str - run_);
+        }
+        pass(record, info);
+    }
+
+    bool is_next_at(const dynstr *next, const char *text) const noexcept
+    {
+        return next == nullptr || (next->str == text && info_of(*next).buffer() == buffer_);
+    }
+
+    // Passes the records from this one on about which check() has nothing to say: their texts lie side by side, a zero
+    // at the end of each, and no other there; that is told when they are passed. Answers the first one that it leaves.
+    dynstr *pass_sound(dynstr *record) noexcept
+    {
+        const char *const start = record->str;
+        const char *end = start;
+        u32 count = 0;
+        if (info_of(*record).buffer() != buffer_) {
+            return record;
+        }
+        while (record != nullptr && count < kStretch) {
+            dynstr *const next = record->next;
+            const StringInfo info = info_of(*record);
+            const u32 size = info.size();
+            if (size == 0 || end[size - 1] != '\0' || !is_next_at(next, end + size) ||
+                (info.is_deleted() && !ends_run_before(end))) {
+                break;
+            }
+            end += size;
+            sizes_[count++] = size;
+            pass(*record, info);
+            record = next;
+        }
+        if (count_zeros(start, end) != count) {
+            check_ends(start, count);
+        }
+        return record;
+    }
+
+    void check_ends(const char *text, u32 count) const noexcept
+    {
+        for (u32 i = 0; i < count; text += sizes_[i++]) {
+            check_end(text, sizes_[i]);
         }
     }
 
-    // Passes a stretch; answers the record after it.
-    dynstr *pass_stretch(dynstr &first) noexcept
+    void end_stretch() noexcept
     {
-        see_sound(&first);
-        if (seen_count_ == 0) {
-            check(first);
-            seen_[seen_count_++] = {&first, info_of(first)};
+        if (run_ != nullptr) {
+            note_move();
         }
-        dynstr *const next = seen_[seen_count_ - 1].record->next;
-        for (u32 i = 0; i < seen_count_; ++i) {
-            fetch_ahead();
-            pass(*seen_[i].record, seen_[i].info);
+        for (u32 i = 0; i < move_count_; ++i) {
+            move(moves_[i]);
         }
-        return next;
+        move_count_ = 0;
     }
 
-    void finish_list() noexcept
+    void end_list() noexcept
     {
-        if (!after_deleted_) {
-            move_run();
-            return;
-        }
-        pool_.last[buffer_] = previous_;
-        if (previous_ != nullptr) {
-            previous_->next = nullptr;
+        if (run_ == nullptr) {
+            pool_.last[buffer_] = previous_;
+            if (previous_ != nullptr) {
+                previous_->next = nullptr;
+            }
         }
     }
 
     void settle_accounts() noexcept
     {
-        char *const used_end = pool_.buf[buffer_] + pool_.used[buffer_];
-        const auto freed = static_cast<u32>(used_end - end_);
+        const auto freed = static_cast<u32>(used_end() - end_);
         if (freed != pool_.bufdelbytes[buffer_]) {
             trace_corrected("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong total gc'd bytes (%d->%d).\r\n",
                             pool_.bufdelbytes[buffer_], freed);
@@ -243,6 +268,7 @@ class Compaction {
         }
         pool_.bufdelbytes[buffer_] = 0;
         pool_.bufdelcnt[buffer_] = 0;
+        pool_.cnt[buffer_] -= freed_records_;
         std::memset(end_, 0, freed);
         pool_.used[buffer_] -= freed;
         pool_.usedbytes -= freed;
@@ -267,9 +293,16 @@ public:
     void run(dynstr *record) noexcept
     {
         while (record != nullptr) {
-            record = pass_stretch(*record);
+            dynstr *const left = pass_sound(record);
+            if (left == record) {
+                record = record->next;
+                pass_checked(*left);
+            } else {
+                record = left;
+            }
+            end_stretch();
         }
-        finish_list();
+        end_list();
         settle_accounts();
     }
 };

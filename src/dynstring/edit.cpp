@@ -138,8 +138,7 @@ bool is_still_changeable(const TextPool &pool, dynstr &record) noexcept
     const StringInfo info = info_of(record);
     const u32 size = info.size();
     const u32 buffer = pool.curbuf;
-    if (!info.is_plain_in(buffer) || info.max_size() != 0 ||
-        record.str + size != pool.fill_position() || size == 0 ||
+    if (!info.is_plain_in(buffer) || info.max_size() != 0 || record.str + size != pool.fill_position() || size == 0 ||
         length > std::min(pool.room(), kShortTextSize - size) || wants_compaction(pool)) [[unlikely]] {
         return false;
     }

@@ -205,9 +205,11 @@ Result set_printed(dynstr *d, std::string_view text) noexcept
 dynstr *create_printed(unsigned poolid, std::string_view text) noexcept
 {
     TextPool *const pool = pool_for("dynstr_fromprintf", poolid);
-    return pool == nullptr ? nullptr : create_by("dynstr_fromprintf", *pool, [&](Held held, dynstr &record) {
-        return place_text(held, *pool, record, text);
-    });
+    if (pool == nullptr) {
+        return nullptr;
+    }
+    const ManagerLock lock("dynstr_fromprintf");
+    return create(lock.held(), *pool, {Source::Kind::text, text.data(), text.size()}, 0, -1);
 }
 
 }  // namespace memm::strings

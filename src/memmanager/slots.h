@@ -97,20 +97,30 @@ void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
     return object != nullptr ? object : take_slot_elsewhere(aid, reserve);
 }
 
+// What is left of a slot that was taken by this path and given back at once.
+[[gnu::always_inline]] inline void note_passed(Pool &pool, unsigned path) noexcept
+{
+    add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
+    add(pool.alloc_count[path], 1);
+    raise_highest(pool, load(pool.cur_count) + 1);
+    add(pool.free_count, 1);
+}
+
+bool pass_lowest_slot(Held, const PoolAid &aid) noexcept;
 bool pass_slot_elsewhere(const PoolAid &aid) noexcept;
 
 // What taking a slot, spare or not, and giving it back at once would leave behind, without touching it: false when none
 // is free. The pool has an object in use, so that last_used would end where it is.
-inline bool pass_slot(Held, const PoolAid &aid) noexcept
+inline bool pass_slot(Held held, const PoolAid &aid) noexcept
 {
     Pool &pool = *aid.pool;
+    if (aid.wrong_guesses != 0) {
+        return pass_lowest_slot(held, aid);
+    }
     if (!aid.is_ordinary || pool.first_free > pool.last_normal || !is_free(aid, pool.first_free)) [[unlikely]] {
         return pass_slot_elsewhere(aid);
     }
-    add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
-    add(pool.alloc_count[MEMM_PATH_FIRST_FREE], 1);
-    raise_highest(pool, load(pool.cur_count) + 1);
-    add(pool.free_count, 1);
+    note_passed(pool, MEMM_PATH_FIRST_FREE);
     return true;
 }
 
