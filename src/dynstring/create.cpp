@@ -8,9 +8,10 @@ namespace memm::strings {
 
 dynstr *create(Held held, TextPool &pool, const Source &source, int offset, int length) noexcept
 {
-    void *object = take_slot_at_once(held, registry.aid(PoolId{pool.poolid}));
+    const PoolAid &aid = registry.aid(PoolId{pool.poolid});
+    void *object = take_slot_at_once(held, aid);
     if (object == nullptr) {
-        object = allocate_without_gc(held, PoolId{pool.poolid});
+        object = allocate_without_gc(held, aid.id);
     }
     return create_with(held, object,
                        [&](dynstr &record) { return assign_first(held, pool, record, source, offset, length); });

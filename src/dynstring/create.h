@@ -2,9 +2,12 @@
 
 #include "dynstring/edit.h"
 #include "dynstring/place.h"
+#include "memmanager/depletion.h"
+#include "memmanager/slots.h"
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 namespace memm::strings {
 
@@ -21,24 +24,41 @@ template <typename Fill> dynstr *create_with(Held held, void *record, Fill fill)
     return static_cast<dynstr *>(record);
 }
 
-// assign() for a record that is new and has no limit. Nothing has to be set aside, so the stand-by record is only
-// booked; and the zero behind the text is there already, for free space is zero.
-inline Result assign_first(Held held, TextPool &pool, dynstr &record, const Source &source, int offset,
-                           int length) noexcept
+// The part of the source that a new record is to hold, when that is a short text with room in the current buffer; else
+// nothing.
+inline std::string_view short_part(const TextPool &pool, const Source &source, int offset, int length) noexcept
 {
     const auto start = static_cast<std::size_t>(offset);
     const std::size_t rest = source.length - start;
     const std::size_t taken = length < 0 ? rest : static_cast<std::size_t>(length);
-    if (source.kind != Source::Kind::text || start > source.length || taken > rest || taken == 0 ||
-        taken >= std::min(pool.room(), kShortTextSize)) {
+    return source.kind == Source::Kind::text && start <= source.length && taken <= rest &&
+                   taken < std::min(pool.room(), kShortTextSize)
+               ? std::string_view(source.text + start, taken)
+               : std::string_view{};
+}
+
+// The zero behind the text is there already, for free space is zero.
+inline void place_short(Held held, TextPool &pool, dynstr &record, std::string_view text) noexcept
+{
+    record.str = pool.fill_position();
+    std::memcpy(record.str, text.data(), text.size());
+    commit(held, pool, record, StringInfo{0}.with_size(static_cast<u32>(text.size() + 1)));
+}
+
+// assign() for a record that is new and has no limit. Nothing has to be set aside, so the stand-by record is only
+// booked.
+[[gnu::always_inline]] inline Result assign_first(Held held, TextPool &pool, dynstr &record, const Source &source,
+                                                  int offset, int length) noexcept
+{
+    const std::string_view part = short_part(pool, source, offset, length);
+    if (part.empty()) {
         return assign(held, pool, record, source, offset, length);
     }
-    if (!allocate_in_passing(held, PoolId{pool.poolid})) {
+    if (const PoolAid &aid = registry.aid(PoolId{pool.poolid}); !pass_slot(held, aid)) {
+        report_depletion(held, *aid.pool);
         return Result::no_memory;
     }
-    record.str = pool.fill_position();
-    std::memcpy(record.str, source.text + start, taken);
-    commit(held, pool, record, StringInfo{0}.with_size(static_cast<u32>(taken + 1)));
+    place_short(held, pool, record, part);
     return Result::ok;
 }
 

@@ -8,16 +8,6 @@
 
 namespace memm::strings {
 
-// An empty text from outside gives nothing.
-Source text_given(const char *text) noexcept
-{
-    if (text == nullptr) {
-        return {Source::Kind::none, nullptr, 0};
-    }
-    const std::size_t length = std::strlen(text);
-    return {length == 0 ? Source::Kind::nothing : Source::Kind::text, text, length};
-}
-
 // The owner of a literal may have shortened it meanwhile.
 Source whole_text(const dynstr &record) noexcept
 {

@@ -2,6 +2,8 @@
 
 #include "dynstring/text_pool.h"
 
+#include <cstring>
+
 namespace memm::strings {
 
 // What a new text is made from. None is "no such text", which is not the same as an empty one: a record that holds no
@@ -13,7 +15,16 @@ struct Source {
     std::size_t length;
 };
 
-Source text_given(const char *text) noexcept;          // null: none
+// An empty text from outside gives nothing, null not even that.
+inline Source text_given(const char *text) noexcept
+{
+    if (text == nullptr) {
+        return {Source::Kind::none, nullptr, 0};
+    }
+    const std::size_t length = std::strlen(text);
+    return {length == 0 ? Source::Kind::nothing : Source::Kind::text, text, length};
+}
+
 Source whole_text(const dynstr &record) noexcept;      // of a record that is known to be one
 Source text_of_record(const dynstr *source) noexcept;  // no record of a string pool: none
 

@@ -140,23 +140,24 @@ void trace_failure(const char *text) noexcept
 // compaction gives its records back without asking.)
 int release_record(void *object)
 {
-    if (object == nullptr) {
-        trace_failure("[DYNSTR] \"Failed to get buffer nr\"\r\n");
-    }
     TextPool *const pool = owner_pool(object);
-    if (object == nullptr || pool == nullptr) {
+    if (pool == nullptr) [[unlikely]] {
+        if (object == nullptr) {
+            trace_failure("[DYNSTR] \"Failed to get buffer nr\"\r\n");
+        }
         trace_failure("[DYNSTR] \"loc_dynstr_free_ex invalid param\"\r\n");
         return MEMM_E_INVALID;
     }
     auto &record = *static_cast<dynstr *>(object);
-    if (!is_in_buffer(record)) {
+    const StringInfo info = info_of(record);
+    if (record.str == nullptr || info.is_literal()) {
         return MEMM_OK;
     }
-    if (info_of(record).is_deleted()) {
+    if (info.is_deleted()) [[unlikely]] {
         trace_failure("[DYNSTR] loc_dynstr_free_ex: dynstr is already freed\r\n");
         return MEMM_E_INVALID;
     }
-    mark_deleted(*pool, record);
+    mark_deleted(*pool, record, info);
     return MEMM_KEPT;
 }
 

@@ -92,7 +92,7 @@ void Rewrite::correct_size() noexcept
 void Rewrite::drop_slot() noexcept
 {
     if (is_in_buffer(*before_)) {
-        mark_deleted(pool_, *before_);
+        mark_deleted(pool_, *before_, info_of(*before_));
     } else {
         finish_release(held_, registry.aid(records()), slot_of(before_));
     }

@@ -117,10 +117,9 @@ const char *text_of(const void *pointer) noexcept;
 
 void compact(Held, TextPool &pool, Reason reason) noexcept;
 
-// The record's text becomes garbage. It is in a buffer and not deleted.
-inline void mark_deleted(TextPool &pool, dynstr &record) noexcept
+// The record's text becomes garbage. It is in a buffer and not deleted, as its word says.
+inline void mark_deleted(TextPool &pool, dynstr &record, StringInfo info) noexcept
 {
-    const StringInfo info = info_of(record);
     const u32 buffer = info.buffer();
     set_info(record, info.with_deleted());
     pool.delbytes += info.size();

@@ -102,40 +102,6 @@ void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
     return is_descriptor ? object : std::memset(object, 0, aid.pool->slot_size - kHeaderBytes);
 }
 
-// The lowest free slot, where the index knows it at once and the guesses before the scan would not find another.
-struct Lowest {
-    unsigned char *slot = nullptr;  // null: it takes a search
-    u32 number = 0;
-    u32 steps = 0;  // from first_free
-
-    unsigned path() const noexcept { return steps == 0 ? MEMM_PATH_FIRST_FREE : MEMM_PATH_SCAN; }
-};
-
-// Whether first_free is free is as good as random, so no branch depends on it: one that is foreseen wrongly would hold
-// up the memory accesses of the allocations to come.
-[[gnu::always_inline]] inline Lowest find_lowest(const PoolAid &aid) noexcept
-{
-    const Pool &pool = *aid.pool;
-    if (pool.first_free > pool.last_normal) [[unlikely]] {
-        return {};
-    }
-    const u32 first = aid.number_of(pool.first_free);
-    const u32 number = aid.index->lowest_free_near(first);
-    const u32 steps = number - first;
-    unsigned char *const slot = pool.first_free + std::size_t{steps} * pool.slot_size;
-    const bool is_second_guess_right = (steps != 0) & (pool.last_used < pool.last_normal);
-    if (number == SlotIndex::kNone || is_second_guess_right || slot > pool.last_normal) [[unlikely]] {
-        return {};
-    }
-    return {slot, number, steps};
-}
-
-void note_guess(const PoolAid &aid, const Lowest &found) noexcept
-{
-    aid.wrong_guesses = aid.wrong_guesses >> 1 | u32{found.steps != 0} << 31;
-    add(aid.pool->scan_steps, found.steps);
-}
-
 }  // namespace
 
 void *take_lowest_slot(Held, const PoolAid &aid) noexcept
@@ -147,21 +113,9 @@ void *take_lowest_slot(Held, const PoolAid &aid) noexcept
     if (found.slot == nullptr || !aid.index->set_at_once(found.number)) [[unlikely]] {
         return nullptr;
     }
-    note_guess(aid, found);
+    aid.wrong_guesses = aid.wrong_guesses >> 1 | u32{found.steps != 0} << 31;
+    add(aid.pool->scan_steps, found.steps);
     return hand_out(aid, found.slot, found.path());
-}
-
-// The slot's return would bring first_free back to it.
-bool pass_lowest_slot(Held, const PoolAid &aid) noexcept
-{
-    const Lowest found = find_lowest(aid);
-    if (found.slot == nullptr) [[unlikely]] {
-        return pass_slot_elsewhere(aid);
-    }
-    note_guess(aid, found);
-    store(aid.pool->first_free, found.slot);
-    note_passed(*aid.pool, found.path());
-    return true;
 }
 
 void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept

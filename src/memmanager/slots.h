@@ -60,6 +60,37 @@ inline void raise_highest(Pool &pool, int in_use) noexcept
     }
 }
 
+// The lowest free slot, where the index knows it at once and the guesses before the scan would not find another.
+struct Lowest {
+    unsigned char *slot = nullptr;  // null: it takes a search
+    u32 number = 0;
+    u32 steps = 0;  // from first_free
+
+    unsigned path() const noexcept { return steps == 0 ? MEMM_PATH_FIRST_FREE : MEMM_PATH_SCAN; }
+};
+
+// Whether first_free is free is as good as random, so no branch depends on it: one that is foreseen wrongly would hold
+// up the memory accesses of the allocations to come.
+[[gnu::always_inline]] inline Lowest find_lowest(const PoolAid &aid) noexcept
+{
+    const Pool &pool = *aid.pool;
+    if (pool.first_free > pool.last_normal) [[unlikely]] {
+        return {};
+    }
+    const u32 first = aid.number_of(pool.first_free);
+    const u32 number = aid.index->lowest_free_near(first);
+    if (number == SlotIndex::kNone) [[unlikely]] {
+        return {};
+    }
+    const u32 steps = number - first;
+    unsigned char *const slot = pool.first_free + std::size_t{steps} * pool.slot_size;
+    const bool is_second_guess_right = (steps != 0) & (pool.last_used < pool.last_normal);
+    if (is_second_guess_right || slot > pool.last_normal) [[unlikely]] {
+        return {};
+    }
+    return {slot, number, steps};
+}
+
 // What is left when the slot is known, by which path, and no longer counts as free.
 [[gnu::always_inline]] inline void *hand_out(const PoolAid &aid, unsigned char *slot, unsigned path) noexcept
 {
@@ -97,30 +128,28 @@ void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
     return object != nullptr ? object : take_slot_elsewhere(aid, reserve);
 }
 
-// What is left of a slot that was taken by this path and given back at once.
-[[gnu::always_inline]] inline void note_passed(Pool &pool, unsigned path) noexcept
-{
-    add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
-    add(pool.alloc_count[path], 1);
-    raise_highest(pool, load(pool.cur_count) + 1);
-    add(pool.free_count, 1);
-}
-
-bool pass_lowest_slot(Held, const PoolAid &aid) noexcept;
 bool pass_slot_elsewhere(const PoolAid &aid) noexcept;
 
 // What taking a slot, spare or not, and giving it back at once would leave behind, without touching it: false when none
 // is free. The pool has an object in use, so that last_used would end where it is.
-inline bool pass_slot(Held held, const PoolAid &aid) noexcept
+[[gnu::always_inline]] inline bool pass_slot(Held, const PoolAid &aid) noexcept
 {
     Pool &pool = *aid.pool;
-    if (aid.wrong_guesses != 0) {
-        return pass_lowest_slot(held, aid);
+    Lowest found;
+    if (aid.index != nullptr) {
+        found = find_lowest(aid);
+    } else if (aid.is_ordinary && pool.first_free <= pool.last_normal && is_free(pool.first_free)) {
+        found.slot = pool.first_free;
     }
-    if (!aid.is_ordinary || pool.first_free > pool.last_normal || !is_free(aid, pool.first_free)) [[unlikely]] {
+    if (found.slot == nullptr) [[unlikely]] {
         return pass_slot_elsewhere(aid);
     }
-    note_passed(pool, MEMM_PATH_FIRST_FREE);
+    store(pool.first_free, found.slot);
+    add(pool.scan_steps, found.steps);
+    add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
+    add(pool.alloc_count[found.path()], 1);
+    raise_highest(pool, load(pool.cur_count) + 1);
+    add(pool.free_count, 1);
     return true;
 }
 
