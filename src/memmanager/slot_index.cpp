@@ -64,38 +64,6 @@ void SlotIndex::set(u32 slot) noexcept
     bits_[slot / kBits] = bit(slot);
 }
 
-void SlotIndex::clear(u32 slot) noexcept
-{
-    if (clear_at_once(slot)) {
-        return;
-    }
-    for (unsigned level = 0; level < levels_; ++level) {
-        full_[level][slot / kBits] &= ~bit(slot);
-        slot /= kBits;
-    }
-}
-
-// Down from the top; a word that turns out to be full is noted above, and the search begins anew.
-u32 SlotIndex::lowest_free() noexcept
-{
-    unsigned level = levels_;
-    u32 at = 0;
-    while (level > 0) {
-        const Word word = full_[--level][at];
-        if (word != kAll) {
-            at = at * kBits + static_cast<u32>(std::countr_one(word));
-            continue;
-        }
-        if (++level == levels_) {
-            return kNone;
-        }
-        full_[level][at / kBits] |= bit(at);
-        level = levels_;
-        at = 0;
-    }
-    return at;
-}
-
 // A search has met an empty word whose summary promises more.
 void SlotIndex::unmark_empty(unsigned level, u32 word) noexcept
 {

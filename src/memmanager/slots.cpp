@@ -106,11 +106,16 @@ void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
 
 void *take_lowest_slot(Held, const PoolAid &aid) noexcept
 {
-    if (aid.small_bytes == 0) [[unlikely]] {
+    if (aid.small_bytes == 0 || aid.pool->first_free > aid.pool->last_normal) [[unlikely]] {
         return nullptr;
     }
-    const Lowest found = find_lowest(aid);
-    if (found.slot == nullptr || !aid.index->set_at_once(found.number)) [[unlikely]] {
+    const u32 first = aid.number_of(aid.pool->first_free);
+    u32 number = aid.index->lowest_free_near(first);
+    if (number == SlotIndex::kNone) {
+        number = aid.index->lowest_free();
+    }
+    const Lowest found = lowest_at(aid, first, number);
+    if (found.slot == nullptr || !aid.index->set_unforeseen(found.number)) [[unlikely]] {
         return nullptr;
     }
     aid.wrong_guesses = aid.wrong_guesses >> 1 | u32{found.steps != 0} << 31;

@@ -69,16 +69,11 @@ struct Lowest {
     unsigned path() const noexcept { return steps == 0 ? MEMM_PATH_FIRST_FREE : MEMM_PATH_SCAN; }
 };
 
-// Whether first_free is free is as good as random, so no branch depends on it: one that is foreseen wrongly would hold
-// up the memory accesses of the allocations to come.
-[[gnu::always_inline]] inline Lowest find_lowest(const PoolAid &aid) noexcept
+// `number` is what the index says. Whether that is first_free is as good as random, so no branch depends on it: one
+// that is foreseen wrongly would hold up the memory accesses of the allocations to come.
+[[gnu::always_inline]] inline Lowest lowest_at(const PoolAid &aid, u32 first, u32 number) noexcept
 {
     const Pool &pool = *aid.pool;
-    if (pool.first_free > pool.last_normal) [[unlikely]] {
-        return {};
-    }
-    const u32 first = aid.number_of(pool.first_free);
-    const u32 number = aid.index->lowest_free_near(first);
     if (number == SlotIndex::kNone) [[unlikely]] {
         return {};
     }
@@ -136,8 +131,9 @@ bool pass_slot_elsewhere(const PoolAid &aid) noexcept;
 {
     Pool &pool = *aid.pool;
     Lowest found;
-    if (aid.index != nullptr) {
-        found = find_lowest(aid);
+    if (aid.index != nullptr && pool.first_free <= pool.last_normal) {
+        const u32 first = aid.number_of(pool.first_free);
+        found = lowest_at(aid, first, aid.index->lowest_free_near(first));
     } else if (aid.is_ordinary && pool.first_free <= pool.last_normal && is_free(pool.first_free)) {
         found.slot = pool.first_free;
     }
@@ -162,9 +158,11 @@ void finish_release(Held, const PoolAid &aid, unsigned char *slot) noexcept;
     Pool &pool = *aid.pool;
     // Deliberate: when all slots are free again, last_used ends on the first one, not before it.
     const bool moves_last_used = slot == pool.last_used && slot > pool.slots;
-    if ((moves_last_used && is_free(aid, slot - pool.slot_size)) ||
-        (aid.index != nullptr && !aid.index->clear_at_once(aid.number_of(slot)))) [[unlikely]] {
+    if (moves_last_used && is_free(aid, slot - pool.slot_size)) [[unlikely]] {
         return false;
+    }
+    if (aid.index != nullptr) {
+        aid.index->clear(aid.number_of(slot));
     }
     add(pool.free_count, 1);
     add(pool.cur_count, -1);
