@@ -13,12 +13,12 @@ namespace {
 
 using Bytes [[gnu::vector_size(16)]] = unsigned char;
 
-// 255 where a byte is zero.
-Bytes zeros_at(const char *from) noexcept
+// Subtracts 255, which is adding 1, where a byte is zero.
+void add_zeros(Bytes &sum, const char *from) noexcept
 {
     Bytes bytes;
     std::memcpy(&bytes, from, sizeof bytes);
-    return reinterpret_cast<Bytes>(bytes == 0);
+    sum -= reinterpret_cast<Bytes>(bytes == 0);
 }
 
 // Sixteen at a time; a byte of the sum counts up to 255 zeros.
@@ -31,11 +31,13 @@ u32 count_zeros(const char *from, const char *end) noexcept
         Bytes sum{};
         std::ptrdiff_t vectors = std::min((end - from) / kVector, kMost);
         for (; vectors >= 4; vectors -= 4, from += 4 * kVector) {
-            sum -= zeros_at(from) + zeros_at(from + kVector) +
-                   (zeros_at(from + 2 * kVector) + zeros_at(from + 3 * kVector));
+            add_zeros(sum, from);
+            add_zeros(sum, from + kVector);
+            add_zeros(sum, from + 2 * kVector);
+            add_zeros(sum, from + 3 * kVector);
         }
         for (; vectors > 0; --vectors, from += kVector) {
-            sum -= zeros_at(from);
+            add_zeros(sum, from);
         }
         for (unsigned i = 0; i < sizeof sum; ++i) {
             zeros += sum[i];
