@@ -272,7 +272,7 @@ public:
     return static_cast<u32>(end - room);
 }
 
-u32 write_at_once(const strings::TextPool &pool, const Join &join) noexcept
+[[gnu::always_inline]] inline u32 write_at_once(const strings::TextPool &pool, const Join &join) noexcept
 {
     if (join.list == nullptr || join.separator.size() != 1 || join.escape != '\0' || join.first > 0 ||
         join.last != kAll) {
@@ -285,13 +285,8 @@ u32 write_at_once(const strings::TextPool &pool, const Join &join) noexcept
 }
 
 // Measured once and written once, into room of the exact size. No item makes no text; empty items make an empty one.
-Result fill(Held held, strings::TextPool &pool, dynstr &string, const Join &join) noexcept
+[[gnu::noinline]] Result fill_measured(Held held, strings::TextPool &pool, dynstr &string, const Join &join) noexcept
 {
-    if (const u32 size = write_at_once(pool, join); size != 0) {
-        string.str = pool.fill_position();
-        strings::commit(held, pool, string, strings::StringInfo{0}.with_size(size));
-        return Result::ok;
-    }
     const Measure measured = measure(join);
     if (!measured.only_strings) {
         return Result::invalid;
@@ -308,7 +303,19 @@ Result fill(Held held, strings::TextPool &pool, dynstr &string, const Join &join
     return rewrite.finish();
 }
 
-dynstr *join(Held held, strings::TextPool &pool, const Join &join) noexcept
+[[gnu::always_inline]] inline Result fill(Held held, strings::TextPool &pool, dynstr &string, const Join &join) noexcept
+{
+    const u32 size = write_at_once(pool, join);
+    if (size == 0) {
+        return fill_measured(held, pool, string, join);
+    }
+    string.str = pool.fill_position();
+    strings::commit(held, pool, string, strings::StringInfo{0}.with_size(size));
+    return Result::ok;
+}
+
+// Inline, for what most callers leave out is known then.
+[[gnu::always_inline]] inline dynstr *join(Held held, strings::TextPool &pool, const Join &join) noexcept
 {
     if (join.list != nullptr && !is_node(join.list)) {
         return nullptr;
@@ -318,7 +325,7 @@ dynstr *join(Held held, strings::TextPool &pool, const Join &join) noexcept
 }
 
 // Asked before the lock is taken.
-strings::TextPool *text_pool(unsigned strpool, const char *function) noexcept
+[[gnu::always_inline]] inline strings::TextPool *text_pool(unsigned strpool, const char *function) noexcept
 {
     strings::TextPool *const pool = strings::text_pool(PoolId{strpool});
     if (pool == nullptr) {
@@ -327,7 +334,14 @@ strings::TextPool *text_pool(unsigned strpool, const char *function) noexcept
     return pool;
 }
 
-std::string_view separator_given(const char *separator) noexcept { return separator == nullptr ? "" : separator; }
+// One character as a rule.
+std::string_view separator_given(const char *separator) noexcept
+{
+    if (separator == nullptr) {
+        return "";
+    }
+    return separator[0] != '\0' && separator[1] == '\0' ? std::string_view(separator, 1) : separator;
+}
 
 }  // namespace
 

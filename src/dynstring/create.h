@@ -12,7 +12,7 @@
 namespace memm::strings {
 
 // A new record of the pool, or null. Gives it back when `fill(record)` fails, and answers null then.
-template <typename Fill> dynstr *create_with(Held held, void *record, Fill fill) noexcept
+template <typename Fill> [[gnu::always_inline]] inline dynstr *create_with(Held held, void *record, Fill fill) noexcept
 {
     if (record == nullptr) {
         return nullptr;

@@ -77,9 +77,12 @@ struct Addition {
     u32 copied;    // bytes of the text itself
 };
 
-// Of a text of this length, said to be of so many bytes: of more than it has, maybe.
+// Of a text of this length, said to be of so many bytes: of more than it has, maybe. Beyond INT_MAX both are too much
+// in any case.
 Addition measure(const dynstr &record, u64 text_length, u64 claimed) noexcept
 {
+    text_length = std::min<u64>(text_length, INT_MAX);
+    claimed = std::min<u64>(claimed, INT_MAX);
     const u32 length = is_in_buffer(record) ? size_of(record) - 1 : static_cast<u32>(whole_text(record).length);
     const u64 max = info_of(record).max_size();
     u64 added = claimed + 1;
@@ -115,12 +118,6 @@ Result extend(Held held, TextPool &pool, dynstr &record, const Addition &additio
     return Result::ok;
 }
 
-// Found before the lock was taken: another task may have released the record meanwhile.
-bool is_still_changeable(const TextPool &pool, dynstr &record) noexcept
-{
-    return ObjectHeader::of_slot(slot_of(&record)).pool() == PoolId{pool.poolid} && !info_of(record).is_deleted();
-}
-
 // Most appends: a short text without a limit that ends at the fill position takes that many bytes more. The zero behind
 // them is there already. False, and nothing has happened, elsewhere.
 [[gnu::always_inline]] inline bool extend_at_once(TextPool &pool, dynstr &record, const char *text, u64 length) noexcept
@@ -132,9 +129,9 @@ bool is_still_changeable(const TextPool &pool, dynstr &record) noexcept
         length > std::min(pool.room(), kShortTextSize - size) || wants_compaction(pool)) [[unlikely]] {
         return false;
     }
-    std::memmove(record.str + size - 1, text, static_cast<std::size_t>(length));
     fill(pool, buffer, static_cast<u32>(length));
-    set_info(record, info.with_size(size + static_cast<u32>(length)));
+    set_info(record, info.longer_by(static_cast<u32>(length)));
+    std::memmove(record.str + size - 1, text, static_cast<std::size_t>(length));
     return true;
 }
 
@@ -171,15 +168,18 @@ bool is_still_changeable(const TextPool &pool, dynstr &record) noexcept
     return rewrite.finish();
 }
 
+// The record was looked at before the lock was taken: another task may have released it meanwhile.
 [[gnu::always_inline]] inline Result append(Held held, TextPool &pool, dynstr &record, const char *text,
                                             u64 text_length, u64 claimed) noexcept
 {
-    if (!is_still_changeable(pool, record)) {
+    if (ObjectHeader::of_slot(slot_of(&record)).pool() != PoolId{pool.poolid}) [[unlikely]] {
         return Result::invalid;
     }
-    return text_length == claimed && extend_at_once(pool, record, text, claimed)
-               ? Result::ok
-               : append_at_length(held, pool, record, text, text_length, claimed);
+    if (text_length == claimed && extend_at_once(pool, record, text, claimed)) [[likely]] {
+        return Result::ok;
+    }
+    return info_of(record).is_deleted() ? Result::invalid
+                                        : append_at_length(held, pool, record, text, text_length, claimed);
 }
 
 // The text is measured under the lock, for it may be the record's own.
@@ -265,7 +265,7 @@ unsigned dynstr_addstring(dynstr *d, const char *text)
         return to_c(Result::invalid);
     }
     return to_c(add_text(d, text, [d, text](Held held, TextPool &pool) {
-        const u64 length = std::min<std::size_t>(std::strlen(text), INT_MAX);
+        const u64 length = std::strlen(text);
         return append(held, pool, *d, text, length, length);
     }));
 }

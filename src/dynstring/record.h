@@ -68,6 +68,9 @@ public:
         const u32 kept = is_long() ? LongSize::put(word_, 0) : word_;
         return StringInfo{ShortSize::put(Long::put(kept, 0), size)};
     }
+
+    // Of a plain one, which must stay short.
+    constexpr StringInfo longer_by(u32 bytes) const noexcept { return StringInfo{word_ + bytes}; }
 };
 
 static_assert(sizeof(void *) != 4 || (sizeof(dynstr) == 16 && offsetof(dynstr, next) == 12));

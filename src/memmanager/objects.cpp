@@ -167,17 +167,9 @@ bool has_say_in_release(const Pool &pool) noexcept
     return pool.options.release_cb != nullptr || pool.options.release2_cb != nullptr;
 }
 
-// Others may hold the object too, and its pool may have a say in the release.
-Result release_owned(Held held, const PoolAid &aid, void *object) noexcept
+// The pool may have a say in the release of an object that nobody else holds.
+Result release_sole(Held held, const PoolAid &aid, void *object) noexcept
 {
-    unsigned char *const slot = slot_of(object);
-    const ObjectHeader header = ObjectHeader::of_slot(slot);
-    if (header.extra_refs() != 0) {
-        header.with_extra_refs(header.extra_refs() - 1).write_to(slot);
-        add(aid.pool->refs, -1U);
-        add(aid.pool->free_count, 1);
-        return Result::ok;
-    }
     switch (ask_callback(aid, object)) {
     case Verdict::kept:
         return Result::ok;
@@ -186,11 +178,24 @@ Result release_owned(Held held, const PoolAid &aid, void *object) noexcept
     case Verdict::free_slot:
         break;
     }
+    unsigned char *const slot = slot_of(object);
     // Deliberate: reported, and the slot is freed again all the same.
     if (!ObjectHeader::of_slot(slot).in_use()) [[unlikely]] {
-        trace_release("[MEMM] memm_free: Recursive release detected: 0x%08lx (poolid = %d)\r\n", slot, header.pool());
+        trace_release("[MEMM] memm_free: Recursive release detected: 0x%08lx (poolid = %d)\r\n", slot, aid.id);
     }
     finish_release(held, aid, slot);
+    return Result::ok;
+}
+
+Result release_owned(Held held, const PoolAid &aid, void *object) noexcept
+{
+    const ObjectHeader header = ObjectHeader::of_slot(slot_of(object));
+    if (header.extra_refs() == 0) {
+        return release_sole(held, aid, object);
+    }
+    header.with_extra_refs(header.extra_refs() - 1).write_to(slot_of(object));
+    add(aid.pool->refs, -1U);
+    add(aid.pool->free_count, 1);
     return Result::ok;
 }
 
@@ -210,13 +215,13 @@ Result release_owned(Held held, const PoolAid &aid, void *object) noexcept
 
 Result release(Held held, void *object) noexcept
 {
-    const PoolAid *aid = sole_owner_of(object);
-    if (aid == nullptr) {
-        aid = owner_of(object);
-        if (aid == nullptr || aid->id == PoolId::descriptors || slot_of(object) > aid->pool->last_used) {
-            report_invalid(object);
-            return Result::ok;
-        }
+    if (const PoolAid *const aid = sole_owner_of(object); aid != nullptr) {
+        return release_sole(held, *aid, object);
+    }
+    const PoolAid *const aid = owner_of(object);
+    if (aid == nullptr || aid->id == PoolId::descriptors || slot_of(object) > aid->pool->last_used) {
+        report_invalid(object);
+        return Result::ok;
     }
     return release_owned(held, *aid, object);
 }
@@ -258,7 +263,7 @@ namespace {
 {
     const Held held = Held::by_caller();
     const Result result = released         ? Result::ok
-                          : aid != nullptr ? release_owned(held, *aid, object)
+                          : aid != nullptr ? release_sole(held, *aid, object)
                                            : release(held, object);
     default_lock.leave();
     return result;
