@@ -1,12 +1,23 @@
 // The defaults of the platform operations.
+#include "base/format.h"
+#include "platform/probe.h"
+
 #include <memmanager/platform.h>
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <random>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -122,6 +133,94 @@ TEST(calendar, agrees_with_the_c_library_for_dates_of_any_kind)
         std::memcpy(&tm, &date, kSame);
         ASSERT_EQ(xtm_time_date_struct_to_seconds(&seconds, &date), 0U);
         ASSERT_EQ(seconds, static_cast<unsigned>(timegm(&tm))) << round;
+    }
+}
+
+TEST(operations, refuse_what_makes_no_sense)
+{
+    unsigned number = 0, other = 0;
+    int id = 0;
+    xtm_date date{};
+    char name[] = "12345";
+    const unsigned mutex = created();
+    for (const unsigned result :
+         {xm_alloc("", 0, 8, nullptr), xm_getmem(8, nullptr), xmu_create("", 1, nullptr), xmu_p(0, kTry, 0),
+          xmu_p(UINT_MAX, kTry, 0), xmu_p(mutex, 7, 0), xmu_v(0), xmu_v(UINT_MAX), vemo_t_ident(0, 0, nullptr),
+          xt_getname(gettid(), nullptr), xtm_time_date_struct(nullptr, 1, 0, 1), xtm_gettimezone(nullptr),
+          xtm_time_date_struct_to_seconds(nullptr, &date), xtm_time_date_struct_to_seconds(&number, nullptr),
+          xtm_getdaylightsaving(nullptr)})
+        EXPECT_EQ(result, unsigned{EINVAL});
+    EXPECT_EQ(xt_getname(INT_MAX, name), unsigned{ESRCH});
+    xtm_gettimestamp(nullptr, &number), xtm_gettimestamp(&number, nullptr);
+    EXPECT_EQ(std::tuple(number, std::string(name)), std::tuple(0U, "12345"));
+    EXPECT_TRUE(xtm_gettimezone(&id) + xtm_getdaylightsaving(&id) == 0 && id == 0);
+
+    prctl(PR_SET_NAME, "ab"), vemo_t_ident(0, 0, &id), xt_getname(id, name), xtm_gettimestamp(&number, &other);
+    EXPECT_TRUE(std::string(name) == "ab  5" && number > 0 && other < 1000000) << name;
+    dbg_vprintf_cb = nullptr;
+    testing::internal::CaptureStdout();
+    const std::string wide = "%99999999999d", precise = "%.99999999999d";  // the C library refuses them, too
+    EXPECT_EQ(dbg_printf(nullptr) + trc_def_printf(nullptr) + dbg_printf(wide.c_str(), 7), 0);
+    const int saved = dup(STDERR_FILENO);
+    close(STDERR_FILENO), errno = 0;
+    EXPECT_TRUE(trc_def_printf("lost") == 0 && errno == 0);
+    dup2(saved, STDERR_FILENO);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(memm::format_to(name, 3, wide.c_str(), 1) + memm::format_to(name, 0, precise.c_str(), 1), 0U);
+    EXPECT_TRUE(memm::format_to(name, 3, "%ls", L"xyz") == 3 && std::string(name) == "xy");
+}
+
+TEST(memory, is_zeroed_and_aligned_and_may_run_out)
+{
+    static std::vector<void *> blocks;  // such a block is never given back
+    void *block = nullptr;
+    for (const unsigned size : {0U, 1U, 100U, 5U << 20}) {
+        ASSERT_EQ(xm_alloc("test", 0, size, &block), 0U);
+        ASSERT_TRUE(block != nullptr && reinterpret_cast<std::uintptr_t>(block) % 16 == 0) << size;
+        blocks.push_back(block);
+        const auto *bytes = static_cast<const char *>(block);
+        EXPECT_EQ(std::count(bytes, bytes + size, 0), size);
+    }
+    ASSERT_TRUE(xm_getmem(0, &block) == 0 && block != nullptr && xm_retmem(block) == 0);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these end the process
+    const rlimit little{64 << 20, 64 << 20};
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &little), 0);
+    EXPECT_EQ(std::tuple(xm_alloc("test", 0, 1U << 30, &block), xm_getmem(1U << 30, &block), block),
+              std::tuple(unsigned{ENOMEM}, unsigned{ENOMEM}, nullptr));
+#endif
+}
+
+// With the kernel's help, and where a process is not given it.
+TEST(words, are_read_and_written_where_that_harms_nobody)
+{
+    const sock_filter refuse[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                                  BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_process_vm_readv, 1, 0),
+                                  BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_process_vm_writev, 0, 1),
+                                  BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+                                  BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program{std::size(refuse), const_cast<sock_filter *>(refuse)};
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto at = reinterpret_cast<std::uintptr_t>(
+        mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(reinterpret_cast<void *>(at + page), page, PROT_READ);
+    mprotect(reinterpret_cast<void *>(at + 2 * page), page, PROT_NONE);
+    for (std::uint32_t value = 7; value < 9; ++value) {
+        for (const auto &[address, readable, writable] : {std::tuple{at, true, true},
+                                                          {at + 9, true, true},
+                                                          {at + 6, true, true},
+                                                          {at + page, true, false},
+                                                          {at + 2 * page - 2, false, false},
+                                                          {at + 2 * page, false, false},
+                                                          {std::uintptr_t{0}, false, false},
+                                                          {std::uintptr_t{4}, false, false},
+                                                          {UINTPTR_MAX - 1, false, false}}) {
+            std::uint32_t word = 1;
+            errno = 5;
+            EXPECT_EQ(memm::write_word(address, value), writable) << address;
+            EXPECT_TRUE(memm::read_word(address, word) == readable && errno == 5) << address;
+            EXPECT_TRUE(!readable || word == (writable ? value : 0)) << address;
+        }
+        prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
     }
 }
 
