@@ -172,12 +172,12 @@ TEST(operations, refuse_what_makes_no_sense)
 
 TEST(memory, is_zeroed_and_aligned_and_may_run_out)
 {
-    static std::vector<void *> blocks;  // such a block is never given back
-    void *block = nullptr;
+    static void *blocks[4];  // such a block is never given back
+    void *block = nullptr, **kept = blocks;
     for (const unsigned size : {0U, 1U, 100U, 5U << 20}) {
         ASSERT_EQ(xm_alloc("test", 0, size, &block), 0U);
         ASSERT_TRUE(block != nullptr && reinterpret_cast<std::uintptr_t>(block) % 16 == 0) << size;
-        blocks.push_back(block);
+        *kept++ = block;
         const auto *bytes = static_cast<const char *>(block);
         EXPECT_EQ(std::count(bytes, bytes + size, 0), size);
     }
