@@ -86,6 +86,11 @@ TEST(lists, are_cloned_by_reference_and_shown_with_what_they_hold)
         << shown;
     EXPECT_NE(shown.find(", next=0x0: null" + held), shown.npos) << shown;
     EXPECT_TRUE(llist_move_byobject(&list, &copy, object) == 0 && llist_getlength(copy) == 2);
+    while (memm_refalloc(object) != nullptr)
+        ;
+    auto *const no_node = static_cast<llist *>(object);
+    EXPECT_EQ(llist_addref(&list, object, nodes), unsigned{MEMM_E_NO_MEMORY}) << "no more holders";
+    EXPECT_EQ(llist_move_byobject(&copy, const_cast<llist **>(&no_node), object), unsigned{MEMM_E_INVALID});
 }
 
 // The list is released.

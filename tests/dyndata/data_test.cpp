@@ -3,6 +3,7 @@
 #include "support/recording_platform.h"
 
 #include <memmanager/dyndata.h>
+#include <memmanager/platform.h>
 
 namespace {
 
@@ -67,6 +68,32 @@ TEST(data_reports, show_areas_and_bytes_to_the_last_character)
     EXPECT_NE(recorder().take_debug().find(" - 'r_data'\r\n"), std::string::npos);
     EXPECT_EQ(dyndata_initpool("r_data", 4, 200), -1) << "the name is taken";
     EXPECT_EQ(recorder().take_errors(), "0x10007 2 DYNDATA dyndata: dyndata init pool failed\n");
+}
+
+TEST(data_pools, refuse_what_is_not_theirs_and_pools_that_lost_their_area)
+{
+    const unsigned pool = make_data("own", 3, 100);
+    dyndata *const object = make(pool, "bytes");
+    memm_pooloptions &hooks = pool_at(pool).options;
+    void *const foreign = memm_calloc(make_pool("", 1)), *const area = hooks.cookie;
+    EXPECT_TRUE(hooks.release_cb(foreign) == MEMM_E_INVALID && hooks.release_cb(nullptr) == MEMM_E_INVALID);
+    hooks.print_cb(foreign);
+    const std::string text = ": obj isn't a dyndata element\r\n";
+    EXPECT_EQ(recorder().take_trace(), "[DYNDATA] loc_dyndata_free_ex" + text + "[DYNDATA] loc_dyndata_free_ex" + text +
+                                           "[DYNDATA] loc_dyndata_printobject" + text);
+    int current = 1;
+    hooks.stats_cb(foreign, nullptr, nullptr, nullptr, dbg_printf);
+    hooks.stats_cb(area, &current, nullptr, nullptr, dbg_printf);
+    EXPECT_EQ(current, 1 + 5);
+    EXPECT_EQ(recorder().take_debug(),
+              "\r\n - data buffer                                         5,     5,   100  (   5%)");
+    for (void *const cookie : {foreign, static_cast<void *>(&current), static_cast<void *>(nullptr)}) {
+        hooks.cookie = cookie;
+        EXPECT_EQ(dyndata_setdata(object, "x", 1), unsigned{MEMM_E_INVALID});
+        EXPECT_TRUE(dyndata_getdatasize(object) == 0 && make(pool, "y") == nullptr);
+    }
+    hooks.cookie = area;
+    EXPECT_EQ(bytes_of(object), "bytes");
 }
 
 }  // namespace

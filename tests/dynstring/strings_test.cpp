@@ -76,7 +76,15 @@ TEST(values, are_written_as_their_readers_want_them)
     const unsigned id = make_strings();
     dynstr *const dates[] = {make(id), make(id)}, *string = nullptr, *part = nullptr;
     EXPECT_EQ(dynstr_setutcdatetime(dates[0], 0) + dynstr_setutcdatetime(dates[1], UINT_MAX), 0U);
-    _dynstr_ex_fromprintf(id, &string, "%d %s", "file", 1, 7, "seven");
+    const auto print = [](unsigned pool, dynstr **slot, const char *format, ...) {
+        va_list arguments;
+        va_start(arguments, format);
+        _dynstr_ex_fromvprintf(pool, slot, format, arguments, "file", 1);
+        va_end(arguments);
+    };
+    print(id, &string, "%ls", L"\x1234");  // no such character
+    EXPECT_STREQ(string->str, "");
+    print(id, &string, "%d %s", 7, "seven");
     _dynstr_ex_fromsubstring(id, &part, "abcd", 1, 2, "file", 1);
     std::string written;
     for (dynstr *const made :
@@ -125,6 +133,35 @@ TEST(string_reports, show_every_record_and_buffer)
               "\r\n  - 2 buffers             gc cnt:             2      101,   105,   400  (  26%)   curr: 25%"
               "\r\n  ->string buffer 1,  # used/del:      3,     0      101,   105,   200  (  52%)   curr: 50% - 3"
               "\r\n  - string buffer 2,  # used/del:      0,     0        0,     0,   200  (   0%)   curr:  0% - 0");
+}
+
+TEST(string_pools, refuse_what_is_not_theirs_and_what_finds_no_record)
+{
+    const unsigned pool = make_strings(400, 1, 3);
+    dynstr *const string = make(pool, "text"), *const last = make(pool, "last");
+    while (memm_calloc_nolock_nogc(pool) != nullptr)
+        ;
+    const auto *const bytes = reinterpret_cast<const unsigned char *>("ab");
+    for (const unsigned result :
+         {dynstr_setstring(string, "n"), dynstr_setsubdynstr(string, last, 0, 1), dynstr_setulong(string, 1),
+          dynstr_sethexstring(string, bytes, 2), dynstr_sprintf(string, "%d", 1), dynstr_reset(string),
+          dynstr_addstring(string, "n"), dynstr_setmaxsize(string, 2)})
+        EXPECT_EQ(result, unsigned{MEMM_E_NO_MEMORY});
+    EXPECT_STREQ(dynstr_getstring(string), "text");
+    EXPECT_TRUE(dynstr_addstring(last, ".") == 0 && dynstr_strcmp2(last, "last.") == 0) << "needs no record";
+
+    const memm_pooloptions hooks = hooks_of(pool);
+    recorder().forget();
+    const std::vector answers{hooks.release_cb(nullptr), hooks.release_cb(memm_calloc(make_pool("", 1))),
+                              hooks.release_cb(string), hooks.release_cb(string)};
+    EXPECT_EQ(answers, (std::vector<int>{MEMM_E_INVALID, MEMM_E_INVALID, MEMM_KEPT, MEMM_E_INVALID}));
+    EXPECT_EQ(recorder().take_trace(), "[DYNSTR] \"Failed to get buffer nr\"\r\n"
+                                       "[DYNSTR] \"loc_dynstr_free_ex invalid param\"\r\n"
+                                       "[DYNSTR] \"loc_dynstr_free_ex invalid param\"\r\n"
+                                       "[DYNSTR] loc_dynstr_free_ex: dynstr is already freed\r\n");
+    EXPECT_TRUE(hooks.filter_cb(nullptr, 3) == 1 && hooks.filter_cb(nullptr, 4) == 0 &&
+                hooks.gc_cb(nullptr, 0, 0) == 0);
+    EXPECT_EQ(dynstr_setstring(string, "n"), unsigned{MEMM_E_INVALID}) << "it is released";
 }
 
 struct Damaged {

@@ -204,7 +204,7 @@ TEST(locks, table_shows_and_clears_the_records)
     lock_initlock(&idle, "idle"), lock_initlock(&held, "a name of more than thirteen");
     lock_initlock(&unnamed, nullptr);
     lock_lock(&held, 0, "x");
-    held.total_wait = held.max_wait = 1500, held.wait_count = 1;
+    held.total_wait = 8, held.wait_count = 5, held.max_wait = 1500;  // 1.6 us each
     unnamed.wait_count = 3000000000U, unnamed.max_wait = 4294966000U;
     unnamed.lock_count = unnamed.total_wait = 4294967295U;
     lock_print_allstats();
@@ -212,12 +212,18 @@ TEST(locks, table_shows_and_clears_the_records)
  name          depth  active lock count wait count total (msec)   avg (msec)   max (msec) |
  ----          -----  ------ ---------- ---------- ------------   ----------   ---------- |
  idle              0                  0          0            -            -            -|
- a name of more than thirteen     1    ----          1          1        1.500        1.500        1.500 |
+ a name of more than thirteen     1    ----          1          5        0.008        0.002        1.500 |
  -unknown-         0         4294967295 3000000000  4294967.500        0.001  4294966.000 |
 |
 )"));
     lock_clear_allstats();
     EXPECT_EQ(state(held), "---- -1, depth 1, 0 takes, 0 waits of 0 us, at most 0");
+    static LOCK more[60];
+    for (LOCK &lock : more)
+        ASSERT_TRUE(lock_initlock(&lock, "more") == 0 && lock_lock(&lock, 0, "x") == 1);
+    lock_print_allstats();
+    const std::string table = recorder().take_debug();
+    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 3 + 50);
 }
 
 }  // namespace
