@@ -114,4 +114,29 @@ TEST(string_lists, leave_out_what_finds_no_place)
     EXPECT_EQ(joined(strlist_fromstring_escaped(text.data(), ',', '\\', nodes, narrow)), ";b;;");
 }
 
+TEST(string_lists, are_joined_from_strings_of_any_pool_and_kind)
+{
+    const int nodes = make_nodes(20);
+    const unsigned pool = make_strings(4000, 2, 30), other = make_strings();
+    const std::string text(60, 't');
+    strlist *list = nullptr;
+    std::string expected;
+    const auto add = [&](dynstr *item, const std::string &shown) {
+        ASSERT_EQ(llist_addobject(&list, item, nodes), 0U);
+        expected += (list->next == nullptr ? "" : ",") + shown;
+        dynstr *const all = dynstr_fromstrlist(pool, list, ",");
+        EXPECT_TRUE(all != nullptr && dynstr_getstring(all) == expected && all->str[expected.size() + 1] == '\0');
+        memm_free(all);
+    };
+    add(dynstr_fromstring(pool, "short"), "short");
+    add(dynstr_fromstring(pool, text.c_str()), text);
+    add(dynstr_calloc_maxsize(pool, 0), "");
+    add(dynstr_fromstring(other, "elsewhere"), "elsewhere");
+    add(dynstr_fromliteral(pool, "literal"), "literal");
+    EXPECT_EQ(dynstr_fromstrlist(make_strings(20, 1, 20), list, ","), nullptr) << "no room";
+    memm_refalloc(list->obj), memm_free(list->obj), memm_free(list->obj);
+    EXPECT_EQ(dynstr_fromstrlist(pool, list, ","), nullptr) << "one is deleted";
+    EXPECT_EQ(dynstr_getstring(dynstr_fromstrlist(pool, list->next, "; ")), text + "; ; elsewhere; literal");
+}
+
 }  // namespace

@@ -161,7 +161,9 @@ TEST(string_pools, refuse_what_is_not_theirs_and_what_finds_no_record)
                                        "[DYNSTR] loc_dynstr_free_ex: dynstr is already freed\r\n");
     EXPECT_TRUE(hooks.filter_cb(nullptr, 3) == 1 && hooks.filter_cb(nullptr, 4) == 0 &&
                 hooks.gc_cb(nullptr, 0, 0) == 0);
-    EXPECT_EQ(dynstr_setstring(string, "n"), unsigned{MEMM_E_INVALID}) << "it is released";
+    memm_set_trace(0);
+    EXPECT_TRUE(dynstr_setstring(string, "n") + dynstr_reset(string) == 2 * MEMM_E_INVALID) << "it is released";
+    EXPECT_EQ(hooks.release_cb(nullptr) == MEMM_E_INVALID ? recorder().take_trace() : "none", "");
 }
 
 struct Damaged {
@@ -171,27 +173,35 @@ struct Damaged {
 
 TEST(compaction, names_what_it_finds_wrong_and_goes_on)
 {
-    const std::pair<void (*)(dynstr &), std::string> faults[] = {
-        {[](dynstr &) {}, ""},
-        {[](dynstr &d) { d.info ^= 1U << 27; },
-         "next_dynstr has wrong buffernr.\r\ncurr_dynstr has wrong buffernr.\r\n"},
-        {[](dynstr &d) { d.str[1] = '\0'; }, "strlen+1 != dynstr_size.\r\n"},
-        {[](dynstr &d) { d.str -= 8; }, "dynstr->str sort error.\r\nstrlen+1 != dynstr_size.\r\n"}};
-    for (const auto &[damage, expected] : faults) {
-        const unsigned pool = make_strings(100, 1, 10);
-        dynstr *const gone = make(pool, "gone");
-        const dynstr *const first = make(pool, "first");
-        damage(*make(pool, "second"));
-        memm_free(gone);
-        make(pool, std::string(84, 'x'));  // finds room where the first one was
-        std::string found;
-        for (std::string rest = recorder().take_trace(), mark = "[DYNSTR] loc_dynstr_gc "; rest.starts_with(mark);) {
-            found += rest.substr(mark.size(), rest.find('\n') + 1 - mark.size());
-            rest.erase(0, rest.find('\n') + 1);
+    const std::string bytes = "WARNING: loc_dynstr_gc fixed wrong total gc'd bytes (99->11).\r\n",
+                      records = "WARNING: loc_dynstr_gc fixed wrong total gc'd dynstr (9->2).\r\n";
+    const std::pair<void (*)(dynstr &, TextPool &), std::string> faults[] = {
+        {[](dynstr &, TextPool &) {}, ""},
+        {[](dynstr &d, TextPool &) { d.info ^= 1U << 27; },
+         "loc_dynstr_gc next_dynstr has wrong buffernr.\r\nloc_dynstr_gc curr_dynstr has wrong buffernr.\r\n"},
+        {[](dynstr &d, TextPool &) { d.str[1] = '\0'; }, "loc_dynstr_gc strlen+1 != dynstr_size.\r\n"},
+        {[](dynstr &d, TextPool &) { d.str -= 8; },
+         "loc_dynstr_gc dynstr->str sort error.\r\nloc_dynstr_gc strlen+1 != dynstr_size.\r\n"},
+        {[](dynstr &d, TextPool &) { d.str[--d.info - 1] = '\0'; },
+         "WARNING: loc_dynstr_gc fixed wrong stringsize.\r\n"},
+        {[](dynstr &, TextPool &pool) { pool.bufdelbytes[0] = 99, pool.bufdelcnt[0] = 9; }, bytes + records}};
+    for (const auto &[damage, expected] : faults)
+        for (const int level : {0, 1}) {
+            memm_set_trace(level);
+            const unsigned pool = make_strings(100, 1, 10);
+            dynstr *const gone = make(pool, "gone");
+            const dynstr *const first = make(pool, "first");
+            dynstr *const second = make(pool, "second"), *const third = make(pool, "third");
+            memm_free(gone), memm_free(third);
+            damage(*second, *static_cast<TextPool *>(hooks_of(pool).cookie));
+            recorder().forget();
+            make(pool, std::string(84, 'x'));  // finds room where the others were
+            std::string found = recorder().take_trace();
+            for (const std::string mark = "[DYNSTR] "; found.find(mark) != found.npos;)
+                found.erase(found.find(mark), mark.size());
+            EXPECT_EQ(found, level == 0 ? "" : expected);
+            EXPECT_STREQ(first->str, "first");
         }
-        EXPECT_EQ(found, expected);
-        EXPECT_STREQ(first->str, "first");
-    }
 }
 
 TEST(integrity_check, names_every_fault)
@@ -219,6 +229,8 @@ TEST(integrity_check, names_every_fault)
         damage({*static_cast<TextPool *>(hooks_of(pool).cookie), *one, *two});
         EXPECT_EQ(dynstr_integrity_check(pool, 0), 0);
         EXPECT_EQ(recorder().take_debug(), expected);
+        memm_print_stats("of no name");
+        EXPECT_NE(recorder().take_debug().find("[MEMM] dynstr integrity check failed: \r\n"), expected.npos);
     }
 }
 

@@ -1,4 +1,5 @@
 // The literal texts of all reports; locks and the stopwatch.
+#include "support/file_calls.h"
 #include "support/pools.h"
 #include "support/recording_platform.h"
 
@@ -7,6 +8,7 @@
 #include <memmanager/timestat.h>
 #include <algorithm>
 #include <cstring>
+#include <thread>
 
 namespace {
 
@@ -120,6 +122,8 @@ TEST(integrity, findings_are_traced_slot_by_slot_and_change_nothing)
     pool.first_free = pool.last_item + pool.slot_size;
     EXPECT_EQ(traced(), below + below);
     EXPECT_EQ(traced(1), "");
+    pool.last_used = pool.last_item + pool.slot_size;
+    EXPECT_EQ(traced().find("[MEMM] pool 'i_pool' has last_used > last_item\r\n"), 0U);
     header_of(objects[1]) ^= 1;
     const unsigned long header = address(&header_of(objects[1]));
     EXPECT_EQ(traced(1) + traced(0),
@@ -159,6 +163,34 @@ TEST(timing_report, shows_the_counters_by_path)
     EXPECT_EQ(recorder().take_trace(), "[MEMM] Elapsed time error: starttime(10,999999) > stoptime(10,999998)\r\n");
 }
 
+TEST(dump, holds_what_callbacks_print_but_no_second_report_and_nothing_of_other_threads)
+{
+    const OwnFolder folder;
+    folder.order("d_pool\n");
+    static const unsigned full = make_pool("d_full", 1);
+    memm_pooloptions options{};
+    options.print_cb = [](void *) {
+        dbg_printf(" %.1f", 0.5);
+        std::thread([] { dbg_printf("elsewhere"); }).join();
+        EXPECT_EQ(memm_calloc(full), nullptr);
+    };
+    memm_calloc(full), memm_calloc(make_pool("d_pool", 1, kSmall, options));
+    for (const int level : {0, 1}) {
+        memm_set_trace(level), recorder().forget();
+        const unsigned opened = dumps_opened;
+        raise(SIGUSR2);
+        EXPECT_EQ(dumps_opened - opened, 1U);
+        EXPECT_NE(content_of(folder.contents_path()).find(" 0.5\r\n"), std::string::npos);
+        const std::string message = "memm_calloc() failed for pool 'd_full' (pool depleted)";
+        EXPECT_EQ(recorder().take_errors(), "0x10002 2 memm memmanager: " + message + "\n");
+        EXPECT_EQ(recorder().take_debug() + recorder().take_trace(), level == 0 ? "elsewhere" : "elsewhere" + message);
+    }
+    file_faults.open_error = EACCES;
+    raise(SIGUSR2);
+    EXPECT_EQ(recorder().take_trace(),
+              text("Could not open '/tmp/memm_dump_%d' stats file\r\n", static_cast<int>(getpid())));
+}
+
 // --- locks ---
 
 std::string state(const LOCK &lock)
@@ -182,7 +214,7 @@ TEST(locks, count_holds_and_wait_as_long_as_it_takes)
     const std::tuple<std::vector<int>, const char *, int, std::string> attempts[] = {
         {{6, 6, 6, 0}, "BUS", 1, timed_out + timed_out},
         {{6, 6, 0}, "other", 2, ""},
-        {{6, 77}, "", 0, "mutex lock error (busy)"}};
+        {{6, 77}, nullptr, 0, "mutex lock error (busy)"}};
     recorder().clock_us = 100999999, recorder().clock_step_us = 1500;  // two readings a wait
     for (const auto &[answers, filter, result, traced] : attempts) {
         fault = [&answer = answers, next = 0U](Op op) mutable { return op == Op::take ? answer.at(next++) : 0; };
