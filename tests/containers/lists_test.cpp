@@ -1,9 +1,5 @@
 // What the models leave open: long lists, pools that are full.
-#include "support/pools.h"
 #include "support/recording_platform.h"
-
-#include <algorithm>
-#include <random>
 
 namespace {
 
@@ -56,7 +52,7 @@ TEST(lists, of_1000000_nodes_are_released_on_a_stack_of_64_KB)
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, &small, release, &list), 0);
     pthread_join(thread, nullptr);
-    EXPECT_TRUE(list == nullptr && pool_at(static_cast<unsigned>(nodes)).cur_count == 0);
+    EXPECT_TRUE(list == nullptr && pool_at(nodes).cur_count == 0);
 }
 
 TEST(lists, are_cloned_by_reference_and_shown_with_what_they_hold)
@@ -64,8 +60,8 @@ TEST(lists, are_cloned_by_reference_and_shown_with_what_they_hold)
     const unsigned objects = make_pool("o", 1, 4);
     const auto node_bytes = static_cast<int>(sizeof(llist));
     for (const auto &[asked, given] : {std::pair{1, node_bytes}, {node_bytes + 8, node_bytes + 8}}) {
-        const int id = llist_initpool("", 1, asked, nullptr);
-        EXPECT_EQ(pool_at(static_cast<unsigned>(id)).slot_size, pool_at(make_pool("", 1, given)).slot_size) << asked;
+        const memm_pool &pool = pool_at(llist_initpool("", 1, asked, nullptr));
+        EXPECT_EQ(pool.slot_size, pool_at(make_pool("", 1, given)).slot_size) << asked;
     }
     const int nodes = llist_initpool("n", 4, sizeof(llist), nullptr);
     void *const object = memm_calloc(objects);
@@ -93,25 +89,15 @@ TEST(lists, are_cloned_by_reference_and_shown_with_what_they_hold)
     EXPECT_EQ(llist_move_byobject(&copy, const_cast<llist **>(&no_node), object), unsigned{MEMM_E_INVALID});
 }
 
-// The list is released.
-std::string joined(strlist *list)
-{
-    std::string texts;
-    for (int i = 0; i < llist_getlength(list); ++i)
-        texts += strlist_getstring_at(list, i) + std::string(";");
-    llist_free_plist(&list);
-    return texts;
-}
-
 TEST(string_lists, leave_out_what_finds_no_place)
 {
     const int nodes = make_nodes(6), strings = static_cast<int>(make_strings(200, 2, 6));
-    EXPECT_EQ(joined(strlist_fromstring("i,i,i,i,i,i,i,i,i", ",", nodes, strings)), "i;i;i;i;i;i;");
+    EXPECT_EQ(taken(strlist_fromstring("i,i,i,i,i,i,i,i,i", ",", nodes, strings)), Texts(6, "i"));
     // No room for the text: an empty item before a separator and in the escaped form, left out as the last one.
     const int narrow = static_cast<int>(make_strings(40, 2, 20));
     std::string text = std::string(30, 'a') + ",b," + std::string(30, 'c');
-    EXPECT_EQ(joined(strlist_fromstring(text.c_str(), ",", nodes, narrow)), ";b;");
-    EXPECT_EQ(joined(strlist_fromstring_escaped(text.data(), ',', '\\', nodes, narrow)), ";b;;");
+    EXPECT_EQ(taken(strlist_fromstring(text.c_str(), ",", nodes, narrow)), (Texts{"", "b"}));
+    EXPECT_EQ(taken(strlist_fromstring_escaped(text.data(), ',', '\\', nodes, narrow)), (Texts{"", "b", ""}));
 }
 
 TEST(string_lists, are_joined_from_strings_of_any_pool_and_kind)

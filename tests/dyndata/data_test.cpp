@@ -1,9 +1,7 @@
 // What the model leaves open: sizes at which the form of a record changes, and reports.
-#include "support/pools.h"
 #include "support/recording_platform.h"
 
 #include <memmanager/dyndata.h>
-#include <memmanager/platform.h>
 
 namespace {
 

@@ -1,12 +1,9 @@
 // What the models leave open: the sizes of a pool's parts, texts of the long form, values that are written, reports,
 // and the name of each fault.
 #include "dynstring/text_pool.h"
-#include "support/pools.h"
 #include "support/recording_platform.h"
 
-#include <memmanager/platform.h>
 #include <arpa/inet.h>
-#include <climits>
 
 namespace {
 
@@ -25,7 +22,7 @@ TEST(string_pools, divide_their_bytes_into_records_buffers_and_reserve)
 {
     make_pool("", 1);
     const auto made = [](int id) {
-        const memm_pool &pool = pool_at(static_cast<unsigned>(id));
+        const memm_pool &pool = pool_at(id);
         const std::string blocks = recorder().take_allocations();
         return text("%d + %zd:", pool.slot_count, pool.options.spare_count) + blocks.substr(blocks.find("DYNSTR"));
     };

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "dynstring/text_pool.h"
-#include "support/pools.h"
 #include "support/recording_platform.h"
 
 #include <memmanager/dyndata.h>
@@ -9,11 +8,7 @@
 #include <memmanager/strpair.h>
 #include <memmanager/timestat.h>
 
-#include <climits>
-#include <concepts>
-#include <cstring>
 #include <list>
-#include <random>
 #include <sys/mman.h>
 
 // Calls of every exported function, with arguments that are made up from the types and the names of its parameters.
@@ -61,7 +56,7 @@ public:
         kept_.clear();
         auto *const texts = static_cast<memm::strings::TextPool *>(memm_getpoolcookie_bypoolid(id(strings)));
         for (const int pool : {nodes, objects, strings, data})
-            for (int i = 0; pool != -1 && i < pool_at(id(pool)).slot_count; ++i)
+            for (int i = 0; pool != -1 && i < pool_at(pool).slot_count; ++i)
                 for (void *object; (object = memm_getobject_byindex(id(pool), i)) != nullptr &&
                                    (texts == nullptr || object != texts->spare) && memm_free(object) == 0;)
                     ;

@@ -1,14 +1,8 @@
 #pragma once
 
-#include "support/file_calls.h"
-#include "support/pools.h"
 #include "support/recording_platform.h"
 
 #include <sys/resource.h>
-#include <thread>
-#include <unistd.h>
-
-namespace gates {
 
 // Forks that go on where they are made; each has a second of processor time, more on slow targets.
 class Children {
@@ -43,16 +37,10 @@ public:
         EXPECT_EQ(recorder().manager_lock_depth(), 0U);
         if (!testing::Test::HasFailure())
             std::thread([] { memm_lock("second thread"), memm_unlock(); }).join();
-        recorder().forget();
-        memm_print_stats(nullptr);
-        memm_print_objects(nullptr);
-        const std::string report = recorder().take_debug() + recorder().take_trace();
-        EXPECT_FALSE(complains(report)) << report;
+        EXPECT_EQ(complaint(), "");
         for (unsigned pool = 0; memm_get_pool_nolock(pool) != nullptr; ++pool)
             EXPECT_NE(dynstr_integrity_check(pool, 0), 0) << pool;
         EXPECT_EQ(recorder().outside_blocks(), 0U);
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
 };
-
-}  // namespace gates

@@ -106,7 +106,7 @@ void try_report(const OwnFolder &folder, const Report &report, const Obstacle &o
 
 TEST(files, are_written_where_they_are_ours_and_nowhere_else)
 {
-    gates::Children children;
+    Children children;
     for (const Obstacle &obstacle : kObstacles)
         for (const Report &report : kReports) {
             const OwnFolder folder;

@@ -1,7 +1,6 @@
 // Every exported function: with bad arguments, under failures of the platform, in pools that are too small.
 #include "gates/calls.h"
 #include "gates/children.h"
-#include "support/file_calls.h"
 
 namespace {
 

@@ -1,7 +1,6 @@
 // The tags under which calls take the manager lock, which an application sees in its own P().
 #include "gates/calls.h"
 
-#include <algorithm>
 #include <map>
 
 namespace {

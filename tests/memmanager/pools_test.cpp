@@ -1,10 +1,5 @@
 // What models and gates leave open: start and layouts, texts of failures, tags, callbacks that do what they should not.
-#include "support/pools.h"
 #include "support/recording_platform.h"
-
-#include <memmanager/platform.h>
-#include <climits>
-#include <cstring>
 
 namespace {
 
@@ -83,11 +78,10 @@ TEST(pools, are_laid_out_as_documented_and_answer_by_object_and_by_id)
 TEST(pools, report_what_a_release_callback_should_not_do)
 {
     static bool releases_itself = true;
-    memm_pooloptions options{};
-    options.release2_cb = [](void *object, memm_release_fn release) {
+    const auto release2 = [](void *object, memm_release_fn release) {
         return std::exchange(releases_itself, false) ? release(object) : *static_cast<int *>(object);
     };
-    const unsigned id = make_pool("pool", 2, 8, options);
+    const unsigned id = make_pool("pool", 2, 8, {.release2_cb = release2});
     void *object = memm_calloc(id);
     EXPECT_EQ(memm_free(object), 0);  // Deliberate: reported, and the slot freed twice
     EXPECT_TRUE(recorder().take_trace().starts_with("[MEMM] memm_free: Recursive release detected: 0x"));

@@ -1,14 +1,8 @@
 // The literal texts of all reports; locks and the stopwatch.
-#include "support/file_calls.h"
-#include "support/pools.h"
 #include "support/recording_platform.h"
 
 #include <memmanager/lock.h>
-#include <memmanager/platform.h>
 #include <memmanager/timestat.h>
-#include <algorithm>
-#include <cstring>
-#include <thread>
 
 namespace {
 
@@ -22,21 +16,17 @@ template <class... Arguments> std::string printed(void (*report)(Arguments...), 
     return recorder().take_debug();
 }
 
-memm_pooloptions with_outside_bytes()
+void add_outside_bytes(void *, int *a, int *b, int *c, memm_printf_fn print)
 {
-    memm_pooloptions options{};
-    options.stats_cb = [](void *, int *a, int *b, int *c, memm_printf_fn print) {
-        if (a != nullptr)
-            *a += 1000, *b += 2000, *c += 4000;
-        print("+%s", "outside");
-    };
-    return options;
+    if (a != nullptr)
+        *a += 1000, *b += 2000, *c += 4000;
+    print("+%s", "outside");
 }
 
 TEST(statistics, rows_and_totals_to_the_last_character)
 {
     const unsigned plain = make_pool("r_plain", 10, kSmall), based = make_pool("r_based", 20, kSmall),
-                   full = make_pool("r_full", 2, kSmall, with_outside_bytes());
+                   full = make_pool("r_full", 2, kSmall, {.stats_cb = add_outside_bytes});
     make_pool("r_a name longer than any column", 1, kSmall);
     void *const shared = memm_calloc(plain);
     memm_free(memm_calloc(plain));
@@ -68,12 +58,10 @@ TEST(statistics, rows_and_totals_to_the_last_character)
 
 TEST(object_listing, shows_what_level_and_filter_let_through)
 {
-    memm_pooloptions options = with_outside_bytes();
-    options.print_cb = [](void *object) { dbg_printf(" = %d", *static_cast<int *>(object)); };
-    options.filter_cb = [](void *object, int level) {
-        return static_cast<int>(*static_cast<int *>(object) % 2 == 0 || level == 4);
-    };
-    const unsigned pool = make_pool("l_pool", 8, kSmall, options);
+    const auto print = [](void *object) { dbg_printf(" = %d", *static_cast<int *>(object)); };
+    const auto filter = [](void *object, int level) { return int{*static_cast<int *>(object) % 2 == 0 || level == 4}; };
+    const unsigned pool =
+        make_pool("l_pool", 8, kSmall, {.stats_cb = add_outside_bytes, .print_cb = print, .filter_cb = filter});
     make_pool("l_a name of twenty-seven ch", 1);
     void *objects[4];
     std::string names[4];
@@ -132,7 +120,7 @@ TEST(integrity, findings_are_traced_slot_by_slot_and_change_nothing)
 
 TEST(timing_report, shows_the_counters_by_path)
 {
-    const unsigned busy = make_pool("t_busy", 4, 8, with_outside_bytes());
+    const unsigned busy = make_pool("t_busy", 4, 8, {.stats_cb = add_outside_bytes});
     make_pool("t_idle", 4);
     memm_pool &pool = pool_at(busy);
     const unsigned paths[] = {8, 5, 1, 50000004, 1};  // times 100 is more than 32 bits hold
@@ -168,13 +156,12 @@ TEST(dump, holds_what_callbacks_print_but_no_second_report_and_nothing_of_other_
     const OwnFolder folder;
     folder.order("d_pool\n");
     static const unsigned full = make_pool("d_full", 1);
-    memm_pooloptions options{};
-    options.print_cb = [](void *) {
+    const auto print = [](void *) {
         dbg_printf(" %.1f", 0.5);
         std::thread([] { dbg_printf("elsewhere"); }).join();
         EXPECT_EQ(memm_calloc(full), nullptr);
     };
-    memm_calloc(full), memm_calloc(make_pool("d_pool", 1, kSmall, options));
+    memm_calloc(full), memm_calloc(make_pool("d_pool", 1, kSmall, {.print_cb = print}));
     for (const int level : {0, 1}) {
         memm_set_trace(level), recorder().forget();
         const unsigned opened = dumps_opened;
@@ -185,10 +172,9 @@ TEST(dump, holds_what_callbacks_print_but_no_second_report_and_nothing_of_other_
         EXPECT_EQ(recorder().take_errors(), "0x10002 2 memm memmanager: " + message + "\n");
         EXPECT_EQ(recorder().take_debug() + recorder().take_trace(), level == 0 ? "elsewhere" : "elsewhere" + message);
     }
-    file_faults.open_error = EACCES;
+    open_error = EACCES;
     raise(SIGUSR2);
-    EXPECT_EQ(recorder().take_trace(),
-              text("Could not open '/tmp/memm_dump_%d' stats file\r\n", static_cast<int>(getpid())));
+    EXPECT_EQ(recorder().take_trace(), text("Could not open '/tmp/memm_dump_%d' stats file\r\n", getpid()));
 }
 
 // --- locks ---

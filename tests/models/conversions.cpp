@@ -1,11 +1,7 @@
 // Texts into values, against sscanf and inet_aton.
 #include "models/family.h"
 
-#include <memmanager/dynstring.h>
-#include <memmanager/platform.h>
-
 #include <arpa/inet.h>
-#include <climits>
 
 namespace {
 
@@ -38,7 +34,7 @@ template <typename Value> std::string number(const std::string &text)
 
 std::string flag(const std::string &text)
 {
-    return bytes_of(text.empty() || text[0] == '0' || text[0] == 'f' ? 0U : 1U);
+    return bytes_of(unsigned{!text.empty() && text[0] != '0' && text[0] != 'f'});
 }
 
 std::string address(const std::string &text)

@@ -2,11 +2,8 @@
 
 #include "support/pools.h"
 
-#include <algorithm>
 #include <optional>
 #include <span>
-#include <string>
-#include <utility>
 
 // A family of calls is one file of this folder: a decoder, which turns the bytes of a stream into calls, and a model,
 // against which it holds the library after each call. Streams may be anything. What one leaves, the next goes on from,

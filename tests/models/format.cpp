@@ -4,9 +4,6 @@
 #include "models/family.h"
 #include "support/recording_platform.h"
 
-#include <memmanager/dynstring.h>
-#include <climits>
-
 namespace {
 
 constexpr const char *kFlags[] = {"", "", "0", "-", "00", "-0", "+", " ", "#"};
@@ -16,20 +13,15 @@ constexpr const char *kWords[] = {"", "ab", "a longer word than most", nullptr};
 constexpr long long kValues[] = {0, 1, -1, 42, -100, 65, INT_MAX, INT_MIN, 4294967295, LLONG_MAX, LLONG_MIN};
 
 struct Target {
-    const unsigned pool = static_cast<unsigned>(dynstr_initpool2("texts", 20, 400, 1));
+    const unsigned pool = make_strings(400, 1, 20);
     const memm::strings::TextPool &texts = *memm::strings::text_pool(memm::PoolId{pool});
     dynstr *const string = dynstr_calloc(pool);
     dynstr *filler = nullptr;  // takes a part of the buffer
 };
-Target &target()
-{
-    static Target one;
-    return one;
-}
 
-void print(Stream &in, const std::string &format, auto... values)
+void print(Target &target, Stream &in, const std::string &format, auto... values)
 {
-    auto &[pool, texts, string, filler] = target();
+    auto &[pool, texts, string, filler] = target;
     if (in.one_in(4)) {
         memm_free(filler);
         filler = dynstr_fromprintf(pool, "%*s", in.within(0, 250), "");
@@ -59,6 +51,7 @@ void print(Stream &in, const std::string &format, auto... values)
 
 void step(Stream &in)
 {
+    static Target target;
     const char letter = in.one_of(std::string_view("diuxdxXoc%"));
     const std::string length = letter == 'c' || letter == '%' ? "" : in.one_of(kLengths);
     const std::string format = text("<%%%%> %%%s%ss|%%%s%s%s%c", in.one_in(2) ? "-" : "", in.one_of(kWidths),
@@ -66,9 +59,9 @@ void step(Stream &in)
     const char *const word = in.one_of(kWords);
     const long long value = in.one_of(kValues);
     if (length == "ll" || length == "j")
-        print(in, format, word, value);
+        print(target, in, format, word, value);
     else if (length == "l" || length == "z")
-        print(in, format, word, static_cast<long>(value));
+        print(target, in, format, word, static_cast<long>(value));
     else
-        print(in, format, word, static_cast<int>(value));
+        print(target, in, format, word, static_cast<int>(value));
 }

@@ -2,8 +2,6 @@
 // as it stands in the lists; nodes that a call leaves to its caller are released at once.
 #include "models/family.h"
 
-#include <memmanager/llist.h>
-
 namespace {
 
 constexpr unsigned kInvalid = MEMM_E_INVALID, kNoMemory = MEMM_E_NO_MEMORY, kAny = 0xffffffff;
@@ -44,7 +42,7 @@ int position(const Chain &chain, int index)
 void splice(Chain &to, int place, const Chain &more) { to.insert(to.begin() + place, more.begin(), more.end()); }
 
 class Trial {
-    const unsigned node_pools_[2] = {make_nodes(), make_nodes()};
+    const unsigned node_pools_[2] = {make_nodes(kNodes), make_nodes(kNodes)};
     const unsigned object_pools_[2] = {make_pool("", kObjects), make_pool("", kObjects)};
     void *objects_[kObjects];
     llist *lists_[kLists] = {};
@@ -57,7 +55,6 @@ class Trial {
     unsigned list_ = 0, other_ = 0, how_ = 0, pool_ = 0;
     int index_ = 0, object_ = 0;
 
-    static unsigned make_nodes() { return static_cast<unsigned>(llist_initpool("", kNodes, sizeof(llist), nullptr)); }
     void *real(int i) const { return i < 0 ? nullptr : objects_[i]; }
     unsigned type_of(int i) const { return object_pools_[i % 2]; }
     template <typename Value> int count(Value Node::*field, Value value) const
@@ -114,15 +111,13 @@ class Trial {
 
     void order(llist *&list, Chain &chain)
     {
-        if (how_ % 3 == 0) {
-            same(llist_reverse(&list), 0U, "reverse");
-            return void(std::ranges::reverse(chain));
-        }
-        same(llist_sort(&list, compare), 0U, "sort");
-        if (length(chain) < 2)
+        const bool sorts = how_ % 3 != 0;
+        same(sorts ? llist_sort(&list, compare) : llist_reverse(&list), 0U, "sort or reverse");
+        if (sorts && length(chain) < 2)
             return;
         std::ranges::reverse(chain);
-        std::ranges::stable_sort(chain, {}, key_of);
+        if (sorts)
+            std::ranges::stable_sort(chain, {}, key_of);
     }
 
     void move(llist *&list, Chain &chain)

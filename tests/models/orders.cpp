@@ -1,9 +1,6 @@
 // The file of orders for SIGUSR2, held against the reports that its lines ask for.
 #include "models/family.h"
-#include "support/file_calls.h"
 #include "support/recording_platform.h"
-
-#include <csignal>
 
 namespace {
 
@@ -31,7 +28,7 @@ void step(Stream &in)
 {
     static const OwnFolder folder;
     [[maybe_unused]] static void *const object = memm_calloc(make_pool("pool", 3));
-    file_faults.open_error = 0;
+    open_error = 0;
     const std::string orders = any_orders(in);
     folder.order(orders);
     std::string line, expected = "\r\n\r\nReason: SIGUSR2\r\n";

@@ -3,9 +3,6 @@
 #include "models/family.h"
 #include "support/recording_platform.h"
 
-#include <cstring>
-#include <set>
-
 namespace {
 
 constexpr int kObjectBytes = 12;
@@ -251,16 +248,14 @@ public:
     Trial(const char *name, int slots, int spare, bool has_index)
         : last_normal_(slots - 1 - std::clamp(spare, 0, slots)), headers_(static_cast<std::size_t>(slots), kFree)
     {
-        memm_pooloptions options{};
-        options.cookie = this;
-        options.spare_count = spare;
-        options.gc_cb = [](void *trial, int attempt, int) { return static_cast<Trial *>(trial)->on_gc(attempt); };
-        if (slots % 2 != 0)  // the others' objects are released in the short way
-            options.release_cb = [](void *object) {
-                return static_cast<Trial *>(memm_getpoolcookie_nolock(object))->on_release(memm_getindex(object));
-            };
+        const auto gc = [](void *trial, int attempt, int) { return static_cast<Trial *>(trial)->on_gc(attempt); };
+        const memm_release_fn release = [](void *object) {
+            return static_cast<Trial *>(memm_getpoolcookie_nolock(object))->on_release(memm_getindex(object));
+        };
         recorder().fail_nth(Op::alloc, has_index ? 0 : 2);
-        id_ = make_pool(name, slots, kObjectBytes, options);
+        id_ = make_pool(
+            name, slots, kObjectBytes,  // objects without a callback are released in the short way
+            {.release_cb = slots % 2 != 0 ? release : nullptr, .gc_cb = gc, .cookie = this, .spare_count = spare});
         recorder().fail_never();
         pool_.slots = pool_at(id_).slots;
         memm_get_currentcount_ptr(id_, &count_base_, &spare_flag_);

@@ -4,11 +4,6 @@
 #include "dynstring/text_pool.h"
 #include "models/family.h"
 
-#include <memmanager/dynstring.h>
-
-#include <climits>
-#include <cstring>
-
 namespace {
 
 using memm::strings::Reason;
@@ -89,14 +84,12 @@ class Trial {
     {
         const unsigned b = (texts_.curbuf + 1) % texts_.bufcnt;
         const unsigned bytes = texts_.bufdelbytes[b], records = texts_.bufdelcnt[b];
-        for (const int i : std::vector(lists_[b])) {
+        for (const int i : lists_[b])
             if (at(i).is_deleted) {
-                std::erase(lists_[b], i);
-                at(i).text.clear();
-                at(i).buffer = -1;
+                at(i) = {.max = at(i).max, .is_deleted = true};
                 release(i);
             }
-        }
+        std::erase_if(lists_[b], [this](int i) { return at(i).is_deleted; });
         texts_.gcmaxcnt = std::max(texts_.gcmaxcnt, records);
         texts_.gcmaxbytes = std::max(texts_.gcmaxbytes, bytes);
         texts_.gctotcnt += records;
@@ -263,15 +256,11 @@ class Trial {
 
 public:
     Trial(int count, unsigned bytes, int buffers)
-        : id_(static_cast<unsigned>(dynstr_initpool2("", count, bytes, buffers))),
-          records_(static_cast<std::size_t>(pool_at(id_).slot_count))
+        : id_(make_strings(bytes, buffers, count)), records_(static_cast<std::size_t>(pool_at(id_).slot_count))
     {
-        memm_pooloptions options{};
-        options.spare_count = pool_at(id_).options.spare_count;
-        options.cookie = this;
-        options.gc_cb = collect;
-        options.release_cb = last_release;
-        twin_ = make_pool("", slots(), sizeof(dynstr), options);
+        const std::intptr_t spare = pool_at(id_).options.spare_count;
+        twin_ = make_pool("", slots(), sizeof(dynstr),
+                          {.release_cb = last_release, .gc_cb = collect, .cookie = this, .spare_count = spare});
         memm_calloc(twin_);  // the spare record
         memm_get_currentcount_ptr(twin_, &texts_.delcnt, &texts_.gcrequest);
     }
@@ -349,11 +338,9 @@ public:
             if (!is_in_use(i))
                 continue;
             const Record &r = at(i);
-            const unsigned place = r.buffer < 0 ? handle(i)->info & 3U << 27 : static_cast<unsigned>(r.buffer) << 27;
-            same(handle(i)->info,
-                 unsigned{r.is_literal} << 31 | unsigned{r.is_deleted} << 30 | place | r.max << 16 |
-                     static_cast<unsigned>(r.text.size()),
-                 "record");
+            const unsigned place = r.buffer < 0 ? handle(i)->info & 3U << 27 : static_cast<unsigned>(r.buffer) << 27,
+                           flags = unsigned{r.is_literal} << 31 | unsigned{r.is_deleted} << 30;
+            same(handle(i)->info, flags | place | r.max << 16 | r.text.size(), "record");
             same(handle(i)->str == nullptr, r.buffer < 0, "text of a record");
         }
     }

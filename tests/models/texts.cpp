@@ -5,19 +5,9 @@
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
 int nodes, strings;
 
-// The list or the string is released.
-Texts taken(strlist *list)
-{
-    Texts texts;
-    for (const llist *node = list; node != nullptr; node = node->next)
-        texts.emplace_back(dynstr_getstring(static_cast<dynstr *>(node->obj)));
-    llist_free_plist(&list);
-    return texts;
-}
+// The string is released.
 std::string taken(dynstr *string)
 {
     const std::string text = dynstr_getstring(string);
@@ -137,11 +127,7 @@ void pairs(Stream &in)
     llist_free_plist(&list);
 }
 
-int live()
-{
-    const memm_pool &texts = pool_at(static_cast<unsigned>(strings));
-    return texts.cur_count - *texts.count_base + pool_at(static_cast<unsigned>(nodes)).cur_count;
-}
+int live() { return pool_at(strings).cur_count - *pool_at(strings).count_base + pool_at(nodes).cur_count; }
 
 }  // namespace
 

@@ -1,24 +1,15 @@
 // The defaults of the platform operations.
 #include "base/format.h"
 #include "platform/probe.h"
+#include "support/pools.h"
 
-#include <memmanager/platform.h>
-#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <climits>
-#include <cstring>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <random>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <thread>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -37,11 +28,10 @@ TEST(mutex, may_be_taken_again_by_its_holder_and_by_nobody_else)
     const unsigned mutex = created();
     EXPECT_EQ(xmu_v(mutex), kNotTheHolder);
     EXPECT_EQ(xmu_p(mutex, kTry, 0) + xmu_p(mutex, kWait, 10000) + xmu_v(mutex), 0U);
-    std::thread([=] {  // one hold is left
+    std::jthread([=] {  // one hold is left
         EXPECT_TRUE(xmu_v(mutex) == kNotTheHolder && xmu_p(mutex, kTry, 0) == kTimedOut);
         EXPECT_EQ(xmu_p(mutex, kWait, 30), kTimedOut);
-    })
-        .join();
+    });
     EXPECT_EQ(xmu_v(mutex), 0U);
 }
 

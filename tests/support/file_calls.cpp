@@ -1,16 +1,12 @@
 #include "support/file_calls.h"
 
-#include <cerrno>
 #include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-
-std::atomic<unsigned> dumps_opened{0};
 
 namespace {
 
@@ -34,8 +30,7 @@ struct RealPath {
 
 int fault_on(bool own, Op op)
 {
-    const bool is_refused = op == Op::open && file_faults.open_error != 0;
-    const int code = !own ? 0 : is_refused ? file_faults.open_error : fault_of(op);
+    const int code = !own ? 0 : op == Op::open && open_error != 0 ? open_error : fault_of(op);
     errno = code > 0 ? code : errno;
     return code;
 }
@@ -69,16 +64,6 @@ std::string content_of(const std::string &path)
 }
 
 void write_file(const std::string &path, const std::string &content) { std::ofstream(path) << content; }
-
-bool complains(const std::string &report)
-{
-    return report.find("ERROR") != report.npos || report.find("failed") != report.npos;
-}
-
-bool is_whole_report(const std::string &report)
-{
-    return report.starts_with("\r\n\r\nReason: SIGUSR") && report.ends_with("%)\r\n\r\n") && !complains(report);
-}
 
 // --- the calls; each does its work by another one that the library does not use ---
 

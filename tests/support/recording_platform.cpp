@@ -2,13 +2,6 @@
 
 #include "platform/futex_lock.h"
 
-#include <memmanager/platform.h>
-
-#include <algorithm>
-#include <cstdarg>
-#include <cstring>
-#include <gtest/gtest.h>
-
 namespace {
 
 memm::FutexLock manager_lock;
@@ -64,10 +57,7 @@ class Listener : public testing::EmptyTestEventListener {
     }
 };
 
-const bool is_listening = [] {
-    testing::UnitTest::GetInstance()->listeners().Append(new Listener);
-    return true;
-}();
+const bool is_listening = (testing::UnitTest::GetInstance()->listeners().Append(new Listener), true);
 
 }  // namespace
 
@@ -75,6 +65,14 @@ Recorder &recorder()
 {
     static auto *the_one = new Recorder;  // never destroyed: other threads may still print at exit
     return *the_one;
+}
+
+std::string complaint()
+{
+    recorder().forget();
+    memm_print_stats(nullptr), memm_print_objects(nullptr);
+    const std::string report = recorder().take_debug() + recorder().take_trace();
+    return complains(report) ? report : "";
 }
 
 std::string text(const char *format, ...)

@@ -1,13 +1,9 @@
 #pragma once
 
-#include "support/faults.h"
-#include "support/rounds.h"
+#include "support/file_calls.h"
 
-#include <atomic>
 #include <mutex>
 #include <set>
-#include <string>
-#include <utility>
 
 // A platform that remembers what the library asked of it and fails on demand. Linking it replaces every platform
 // operation but dbg_printf and those of calendar and tasks. Usable from several threads, and in a handler of a signal
@@ -61,6 +57,9 @@ private:
 };
 
 Recorder &recorder();
+
+// What the reports on all pools say while they find something wrong, else empty.
+std::string complaint();
 
 // As sprintf.
 [[gnu::format(printf, 1, 2)]] std::string text(const char *format, ...);

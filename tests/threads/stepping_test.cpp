@@ -2,12 +2,8 @@
 // is in this program, the library included, a copy of the process gets the signal, goes on undisturbed to the end and
 // looks at what became of it.
 #include "support/file_calls.h"
-#include "support/pools.h"
-#include "support/rounds.h"
 
-#include <memmanager/platform.h>
 #include <set>
-#include <thread>
 #include <ucontext.h>
 
 // Sanitizers multiply the instructions, and their own run in between.

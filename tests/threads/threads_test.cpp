@@ -1,13 +1,7 @@
 // Threads, signals and forks, on the default platform.
 #include "support/file_calls.h"
-#include "support/pools.h"
-#include "support/rounds.h"
 
-#include <memmanager/platform.h>
-#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <thread>
 
 namespace {
 
@@ -75,7 +69,7 @@ public:
         for (auto &box : boxes_)
             release(box.exchange(nullptr));
         EXPECT_EQ(dynstr_integrity_check(texts, 0), 1);
-        EXPECT_EQ(pool_at(static_cast<unsigned>(nodes)).cur_count, 0);
+        EXPECT_EQ(pool_at(nodes).cur_count, 0);
         for (const unsigned pool : pools) {
             const memm_pool &p = pool_at(pool);
             EXPECT_TRUE(p.cur_count == 0 && p.refs == 0 && p.flags == 0);
@@ -155,9 +149,7 @@ TEST(signals, wait_for_whoever_holds_the_pools)
 {
     const OwnFolder folder;
     fail_always(Op::close, EIO);  // errno is kept whatever happens
-    memm_pooloptions options{};
-    options.release_cb = [](void *) { return raise_both(); };
-    const unsigned pool = make_pool("busy", 3, 24, options);
+    const unsigned pool = make_pool("busy", 3, 24, {.release_cb = [](void *) { return raise_both(); }});
     const std::function<void()> cases[] = {
         [] { memm_unlock(), V(), raise(SIGUSR1), raise(SIGUSR2); },  // no hold
         [] { P("test"), raise_both(), V(); },

@@ -2,18 +2,14 @@
 
 #include "models/family.h"
 #include "platform/default_lock.h"
-#include "support/file_calls.h"
 #include "support/recording_platform.h"
-
-#include <cerrno>
-#include <random>
 
 // One stream, and what has to hold after it whatever the family is. Empty, or the first difference.
 inline const std::string &drive(std::span<const unsigned char> bytes)
 {
     [[maybe_unused]] static const unsigned started = make_pool("", 1);
     static unsigned long long next_report = 1;
-    file_faults.open_error = EACCES;   // files for every depletion would take the most of the time
+    open_error = EACCES;               // files for every depletion would take the most of the time
     memm::default_lock.stand_alone();  // the library's own lock, by its short ways, and not the recorder's
     for (Stream in(bytes); !in.is_empty() && difference.empty(); ++operations)
         step(in);
@@ -23,12 +19,7 @@ inline const std::string &drive(std::span<const unsigned char> bytes)
     if (operations < next_report)
         return difference;
     next_report = operations + 500;
-    memm_print_stats(nullptr);
-    memm_print_objects(nullptr);
-    const std::string report = recorder().take_debug();
-    recorder().forget();
-    if (report.find("ERROR") != report.npos || report.find("failed") != report.npos)
-        same(report, "", "a report complains");
+    same(complaint(), "", "a report complains");
     return difference;
 }
 

@@ -1,9 +1,6 @@
 #include "drive.h"
-#include "support/rounds.h"
 
 #include <filesystem>
-#include <fstream>
-#include <set>
 
 namespace {
 
@@ -18,9 +15,8 @@ TEST(model, agrees_with_the_library_on_what_fuzzing_found)
     std::error_code none;  // a family that was never fuzzed has no folder
     const std::filesystem::directory_iterator corpus(MEMM_CORPUS, none);
     for (const auto &path : std::set<std::filesystem::path>(begin(corpus), end(corpus))) {
-        std::ifstream file(path, std::ios::binary);
-        const std::vector<unsigned char> bytes(std::istreambuf_iterator<char>(file), {});
-        ASSERT_EQ(drive(bytes), "") << path;
+        const std::string bytes = content_of(path);
+        ASSERT_EQ(drive(std::vector<unsigned char>(bytes.begin(), bytes.end())), "") << path;
     }
 }
 
