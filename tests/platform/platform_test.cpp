@@ -97,7 +97,8 @@ TEST(output, is_formatted_as_by_the_c_library)
         print(std::string("hh").substr(dice() % 3) + letter, number());
         print("lzt"[dice() % 3] + letter, static_cast<long>(wide));
         print((dice() % 2 == 0 ? "ll" : "j") + letter, wide);
-        print("s", std::array{"(null)", "", "a", "seven b", "a text of thirty characters..."}[dice() % 5]);
+        print("s",
+              std::array<const char *, 5>{nullptr, "", "a", "seven b", "a text of thirty characters..."}[dice() % 5]);
         print("c", number());
         print("p", reinterpret_cast<void *>(static_cast<std::uintptr_t>(dice() % 4 == 0 ? 0 : wide)));
         print(std::string(1, "feg"[dice() % 3]), number() / 7.0);
