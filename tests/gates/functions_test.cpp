@@ -36,7 +36,7 @@ void run_script(const Sizes &sizes)
 {
     for (const int signal : {SIGUSR1, SIGUSR2})
         std::signal(signal, SIG_IGN);  // the manager may fail to start
-    static World world(sizes);  // pools keep pointers into it
+    static World world(sizes);         // pools keep pointers into it
     const unsigned empty = static_cast<unsigned>(memm_initpool("empty", 1, 4, nullptr));
     memm_calloc(empty);
     int count = 0;

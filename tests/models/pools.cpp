@@ -49,18 +49,15 @@ class Trial {
     int search(bool with_spare)
     {
         const int limit = with_spare ? slots() - 1 : last_normal_;
-        int slot = first_free_;
-        unsigned path = MEMM_PATH_OTHER;
-        if (slot <= limit && is_free(slot)) {
-            path = MEMM_PATH_FIRST_FREE;
-        } else if (last_used_ < last_normal_ && is_free(last_used_ + 1)) {
-            path = MEMM_PATH_LAST_USED;
-            slot = last_used_ + 1;
-        } else {
-            for (; slot <= limit && !is_free(slot); ++slot)
-                ++pool_.scan_steps;
-            path = slot <= limit ? MEMM_PATH_SCAN : MEMM_PATH_OTHER;
-        }
+        const bool is_first = first_free_ <= limit && is_free(first_free_),
+                   is_next = !is_first && last_used_ < last_normal_ && is_free(last_used_ + 1);
+        int slot = is_next ? last_used_ + 1 : first_free_;
+        for (; !is_next && slot <= limit && !is_free(slot); ++slot)
+            ++pool_.scan_steps;
+        const unsigned path = is_first        ? MEMM_PATH_FIRST_FREE
+                              : is_next       ? MEMM_PATH_LAST_USED
+                              : slot <= limit ? MEMM_PATH_SCAN
+                                              : MEMM_PATH_OTHER;
         if (slot - last_normal_ >= 10)
             expected_trace += text("Using spare buffer %d\r\n", slot - last_normal_);
         ++pool_.alloc_count[MEMM_PATH_TOTAL];
