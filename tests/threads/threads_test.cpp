@@ -117,7 +117,7 @@ TEST(threads, keep_stamps_and_counters_while_handlers_lock_and_others_make_pools
             memm_free(memm_calloc(make_pool("", count * 20)));
     });
     unsigned seed = 1;
-    for (int sent = 0; sent < scaled(100000, 2000000) && !testing::Test::HasFailure(); ++sent) {
+    for (int sent = 0; sent < scaled(100000, 5000000) && !testing::Test::HasFailure(); ++sent) {
         constexpr int kSignals[] = {SIGALRM, SIGALRM, SIGUSR1, SIGUSR2};
         seed = seed * 1103515245 + 12345;
         traffic.signal(seed >> 20, kSignals[seed >> 16 & 3]);
