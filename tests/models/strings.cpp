@@ -303,6 +303,15 @@ public:
                         "fromsubstring");
         case 10:
             return ask(d, s);
+        case 11:
+            if (const bool all = max % 2 != 0; !getstring(s).empty()) {
+                const auto copied = [&](int made) {
+                    return assign(made, whole(s), all ? 0 : offset, all ? -1 : length);
+                };
+                same(all ? dynstr_fromdynstr(other) : dynstr_fromsubdynstr(other, offset, length),
+                     is_string(s) ? create(copied, true) : nullptr, "copy");
+            }
+            return;
         default:
             return same(memm_free(to), release(d), "free");
         }
