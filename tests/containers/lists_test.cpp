@@ -47,7 +47,7 @@ TEST(lists, of_1000000_nodes_are_released_on_a_stack_of_64_KB)
         ASSERT_EQ(llist_pushobject(&list, nullptr, nodes), 0U);
     pthread_attr_t small;
     pthread_attr_init(&small);
-    ASSERT_EQ(pthread_attr_setstacksize(&small, 64 << 10), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&small, std::max(64L << 10, sysconf(_SC_THREAD_STACK_MIN))), 0);
     const auto release = [](void *plist) -> void * { return llist_free_plist(static_cast<llist **>(plist)), nullptr; };
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, &small, release, &list), 0);
