@@ -66,6 +66,18 @@ std::string date(const std::string &text)
     return bytes_of(text == "0001-01-01T00:00:00Z" ? 0 : seconds);
 }
 
+// No character is refused: each counts by where it stands behind '0' or 'a'.
+std::string hex(const std::string &text)
+{
+    std::string bytes((text.size() + 1) / 2, '\0');
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const int lower = std::tolower(static_cast<unsigned char>(text[i]));
+        const int digit = lower < 'a' ? lower - '0' : lower - 'a' + 10;
+        bytes[i / 2] = static_cast<char>(bytes[i / 2] | digit << (i % 2 == 0 ? 4 : 0));
+    }
+    return bytes;
+}
+
 constexpr Conversion kConversions[] = {
     {"ulong", call<dynstr_getulong>, number<unsigned>},
     {"long", call<dynstr_getlong, int>, number<int>},
@@ -106,6 +118,15 @@ void step(Stream &in)
         expected.resize(sizeof read, '\xa5');
         same(bytes_of(read), expected, conversion.name);
     }
+    unsigned char read[16];
+    std::fill(read, std::end(read), 0xa5);
+    std::string expected = hex(text);
+    constexpr int kSize = 10;
+    const bool fits = expected.size() <= kSize;
+    same(dynstr_gethexstring(string, read, kSize), fits ? 0U : unsigned{MEMM_E_TOO_SMALL}, "hexstring");
+    expected = fits ? expected + std::string(kSize - expected.size(), '\0') : "";
+    expected.resize(sizeof read, '\xa5');
+    same(bytes_of(read), expected, "hexstring");
     memm_free(string);
     if (!difference.empty())
         difference += " from '" + text + "'";
