@@ -31,10 +31,11 @@ public:
     {
     }
 
-    // Of a multiple.
+    // Of a multiple; is_exact() tells whether it was one.
     constexpr u32 quotient(u32 dividend) const noexcept { return std::rotr(dividend * inverse_, shift_); }
+    constexpr bool is_exact(u32 quotient) const noexcept { return quotient <= highest_; }
 
-    constexpr bool divides(u32 dividend) const noexcept { return quotient(dividend) <= highest_; }
+    constexpr bool divides(u32 dividend) const noexcept { return is_exact(quotient(dividend)); }
 };
 
 static_assert(Divisor{24}.quotient(24 * 7) == 7 && !Divisor{24}.divides(25) && Divisor{24}.divides(0));

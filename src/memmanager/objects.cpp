@@ -199,24 +199,32 @@ Result release_owned(Held held, const PoolAid &aid, void *object) noexcept
     return Result::ok;
 }
 
+struct Owner {
+    const PoolAid *aid;
+    u32 number;  // of the object's slot
+};
+
 // The pool of an object in use with one holder, when the pool is one of those met last; null elsewhere.
 // Descriptors cannot be released.
-[[gnu::always_inline]] inline const PoolAid *sole_owner_of(void *object) noexcept
+[[gnu::always_inline]] inline Owner sole_owner_of(void *object) noexcept
 {
     unsigned char *const slot = slot_of(object);
-    const auto address = reinterpret_cast<std::uintptr_t>(slot);
-    const PoolAid *const aid = registry.recent_around(address);
-    const bool is_sole = aid != nullptr && aid->is_slot(address) && ObjectHeader::of_slot(slot).is_sole(aid->id) &&
-                         aid->is_ordinary && slot <= aid->pool->last_used;
-    return is_sole ? aid : nullptr;
+    const PoolAid *const aid = registry.recent_around(reinterpret_cast<std::uintptr_t>(slot));
+    if (aid == nullptr) {
+        return {};
+    }
+    const u32 number = aid->number_of(slot);
+    const bool is_sole = aid->is_number(number) && ObjectHeader::of_slot(slot).is_sole(aid->id) && aid->is_ordinary &&
+                         slot <= aid->pool->last_used;
+    return {is_sole ? aid : nullptr, number};
 }
 
 }  // namespace
 
 Result release(Held held, void *object) noexcept
 {
-    if (const PoolAid *const aid = sole_owner_of(object); aid != nullptr) {
-        return release_sole(held, *aid, object);
+    if (const Owner owner = sole_owner_of(object); owner.aid != nullptr) {
+        return release_sole(held, *owner.aid, object);
     }
     const PoolAid *const aid = owner_of(object);
     if (aid == nullptr || aid->id == PoolId::descriptors || slot_of(object) > aid->pool->last_used) {
@@ -249,7 +257,7 @@ namespace {
 // From where the lock is held.
 [[gnu::noinline]] void *allocate_lowest(const PoolAid &aid) noexcept
 {
-    void *const object = take_lowest_slot(Held::by_caller(), aid);
+    void *const object = take_lowest_slot_at_once(Held::by_caller(), aid);
     return object != nullptr && default_lock.leave_at_once() ? object : end_allocation(object, &aid);
 }
 
@@ -267,6 +275,13 @@ namespace {
                                            : release(held, object);
     default_lock.leave();
     return result;
+}
+
+// Behind return_slot(), from where the lock is held.
+[[gnu::noinline]] Result clear_and_leave(SlotIndex &index, u32 number) noexcept
+{
+    index.clear(number);
+    return default_lock.leave_at_once() ? Result::ok : end_release(true, nullptr, nullptr);
 }
 
 }  // namespace
@@ -320,9 +335,12 @@ int memm_free(void *obj)
     if (!default_lock.enter_at_once()) [[unlikely]] {
         return to_int(release_at_length(obj));
     }
-    const PoolAid *const aid = sole_owner_of(obj);
-    const bool released = aid != nullptr && !has_say_in_release(*aid->pool) &&
-                          finish_release_at_once(Held::by_caller(), *aid, slot_of(obj));
+    const auto [aid, number] = sole_owner_of(obj);
+    const bool released =
+        aid != nullptr && !has_say_in_release(*aid->pool) && return_slot(Held::by_caller(), *aid, slot_of(obj));
+    if (released && aid->index != nullptr) {
+        return to_int(clear_and_leave(*aid->index, number));
+    }
     return to_int(released && default_lock.leave_at_once() ? Result::ok : end_release(released, aid, obj));
 }
 

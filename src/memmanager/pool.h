@@ -73,7 +73,7 @@ struct PoolAid {
     // The address lies between the pool's first and its last header.
     bool holds(std::uintptr_t address) const noexcept { return address - first < span; }
 
-    // Of addresses that it holds: the slot's number, and whether a slot begins there.
+    // Of addresses that it holds: the slot's number, which is none where no slot begins, and whether one does.
     u32 number_of(std::uintptr_t address) const noexcept
     {
         return slot_size.quotient(static_cast<u32>(address - first));
@@ -82,7 +82,8 @@ struct PoolAid {
     {
         return number_of(reinterpret_cast<std::uintptr_t>(slot));
     }
-    bool is_slot(std::uintptr_t address) const noexcept { return slot_size.divides(static_cast<u32>(address - first)); }
+    bool is_number(u32 number) const noexcept { return slot_size.is_exact(number); }
+    bool is_slot(std::uintptr_t address) const noexcept { return is_number(number_of(address)); }
 };
 
 class Registry {

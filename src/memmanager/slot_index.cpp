@@ -18,9 +18,9 @@ u64 SlotIndex::bytes_for(u32 slots) noexcept
 {
     u64 total = 0;
     u32 words = slots;
-    for (unsigned level = 0; level < kMinLevels || words > 1; ++level) {
+    for (unsigned level = 0; level < kFullLevels || words > 1; ++level) {
         words = words_for(words, kBits);
-        total += u64{level == 0 ? 1U : 2U} * words;
+        total += u64{level == 0 || level >= kFullLevels ? 1U : 2U} * words;
     }
     return sizeof(SlotIndex) + total * sizeof(Word);
 }
@@ -30,15 +30,19 @@ SlotIndex *SlotIndex::make(void *block, u32 slots) noexcept
     auto *index = new (block) SlotIndex;
     auto *maps = reinterpret_cast<Word *>(index + 1);
     u32 bits = slots;
-    while (index->levels_ < kMinLevels || bits > 1) {
+    while (index->levels_ < kFullLevels || bits > 1) {
         const unsigned level = index->levels_++;
         const u32 words = words_for(bits, kBits);
         index->words_[level] = words;
-        index->full_[level] = index->any_[level] = maps;
+        index->any_[level] = maps;
         maps += words;
-        if (level > 0) {
-            index->any_[level] = maps;
+        if (level == 0) {
+            index->full_[0] = index->any_[0];
+        } else {
             index->any_[level][0] = bit(0);
+        }
+        if (level > 0 && level < kFullLevels) {
+            index->full_[level] = maps;
             maps += words;
             if (bits % kBits != 0) {
                 index->full_[level][words - 1] = kAll << bits % kBits;
@@ -53,15 +57,12 @@ SlotIndex *SlotIndex::make(void *block, u32 slots) noexcept
 // Up to the first level that knows already: what is above knows, too.
 void SlotIndex::set(u32 slot) noexcept
 {
-    if (set_at_once(slot)) {
-        return;
-    }
     u32 word = slot / kBits;
     for (unsigned level = 1; level < levels_ && (any_[level][word / kBits] & bit(word)) == 0; ++level) {
         any_[level][word / kBits] |= bit(word);
         word /= kBits;
     }
-    bits_[slot / kBits] = bit(slot);
+    set_in_full(slot);
 }
 
 // A search has met an empty word whose summary promises more.

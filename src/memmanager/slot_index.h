@@ -9,15 +9,17 @@
 // Which slots of a large pool are in use, one bit a slot, with summaries above so that the next free or used slot is
 // found in a few steps however many slots lie between:
 //
+//              any[3]      ... as many levels as it takes
 //     full[2]  any[2]      a bit for each word of the level below
 //     full[1]  any[1]
 //          bits            a bit for each slot: 1 = in use
 //
-// `full` is kept exactly. `any` is kept lazily: a bit is clear only for an empty word; where a set one turns out to be
-// wrong, the search that notices corrects it. In a large pool nobody can foresee which slot comes or goes next, and a
-// branch that is foreseen wrongly holds up all memory accesses that come after it: so there are ways without. The first
-// word, where most pools live, always counts as not empty. Bits of `bits` beyond the last slot stay 0, so that the
-// lowest free slot may be a number that no slot has; words beyond the last count as full.
+// `full` is kept exactly, and its words are looked through from where the search begins: one stands for 262,144 slots
+// (32,768 with words of 32 bits). `any` is kept lazily: a bit is clear only for an empty word; where a set one turns
+// out to be wrong, the search that notices corrects it. In a large pool nobody can foresee which slot comes or goes
+// next, and whatever an allocation or a release does stands between a program's memory accesses: so there are short
+// ways without branches. The first word, where most pools live, always counts as not empty. Bits of `bits` beyond the
+// last slot stay 0, so that the lowest free slot may be a number that no slot has; words beyond the last count as full.
 namespace memm {
 
 class SlotIndex {
@@ -33,75 +35,50 @@ public:
 
     bool is_used(u32 slot) const noexcept { return (bits_[slot / kBits] & bit(slot)) != 0; }
 
-    // Marks a free slot as used where only full words have to be noted above; false, and nothing has happened,
+    void set(u32 slot) noexcept;
+    void clear(u32 slot) noexcept
+    {
+        const u32 at = slot / kBits;
+        const u32 group = at / kBits;
+        bits_[at] &= all_but(slot);
+        full_[1][group] &= all_but(at);
+        full_[2][group / kBits] &= all_but(group);
+    }
+
+    // Marks a free slot as used where nothing has to be noted above its word; false, and nothing has happened,
     // elsewhere.
     bool set_at_once(u32 slot) noexcept
     {
-        if (is_first_in_word(slot)) [[unlikely]] {
+        Word &word = bits_[slot / kBits];
+        const Word changed = word | bit(slot);
+        if (changed == kAll || is_empty_word(word, slot)) [[unlikely]] {
             return false;
         }
-        Word &word = bits_[slot / kBits];
-        word |= bit(slot);
-        if (word == kAll) [[unlikely]] {
-            note_full(1, slot / kBits);
-        }
+        word = changed;
         return true;
     }
-    // The same without a branch that depends on which words are full, but for the highest.
+    // The same where only full words have to be noted, and without a branch that depends on which are.
     bool set_unforeseen(u32 slot) noexcept
     {
-        if (is_first_in_word(slot)) [[unlikely]] {
+        if (is_empty_word(bits_[slot / kBits], slot)) [[unlikely]] {
             return false;
         }
-        const u32 word = slot / kBits;
-        const u32 group = word / kBits;
-        bits_[word] |= bit(slot);
-        full_[1][group] |= Word{bits_[word] == kAll} << word % kBits;
-        Word &groups = full_[2][group / kBits];
-        groups |= Word{full_[1][group] == kAll} << group % kBits;
-        if (groups == kAll) [[unlikely]] {
-            note_full(3, group / kBits);
-        }
+        set_in_full(slot);
         return true;
     }
-    void clear(u32 slot) noexcept
-    {
-        const u32 word = slot / kBits;
-        const u32 group = word / kBits;
-        Word &groups = full_[2][group / kBits];
-        if (groups == kAll) [[unlikely]] {
-            note_not_full(3, group / kBits);
-        }
-        groups &= ~bit(group);
-        full_[1][group] &= ~bit(word);
-        bits_[word] &= ~bit(slot);
-    }
 
-    void set(u32 slot) noexcept;
-
-    // kNone when all are in use.
-    u32 lowest_free() const noexcept
+    // None is free below `from`. kNone when all are in use.
+    u32 lowest_free(u32 from) const noexcept
     {
-        u32 at = 0;
-        for (unsigned level = levels_; level-- > 0;) {
-            const Word word = full_[level][at];
-            if (word == kAll) [[unlikely]] {
+        u32 groups = from / kBits / kBits / kBits;
+        for (; full_[2][groups] == kAll; ++groups) {
+            if (groups + 1 == words_[2]) {
                 return kNone;
             }
-            at = at * kBits + static_cast<u32>(std::countr_one(word));
         }
-        return at;
-    }
-    // The same, none being free below `from`, where a word of full[1] knows both; kNone elsewhere.
-    u32 lowest_free_near(u32 from) const noexcept
-    {
-        const u32 group = from / kBits / kBits;
-        const Word words = full_[1][group];
-        if (words == kAll) [[unlikely]] {
-            return kNone;
-        }
-        const u32 word = group * kBits + static_cast<u32>(std::countr_one(words));
-        return word * kBits + static_cast<u32>(std::countr_one(bits_[word]));
+        const u32 group = groups * kBits + lowest_clear(full_[2][groups]);
+        const u32 word = group * kBits + lowest_clear(full_[1][group]);
+        return word * kBits + lowest_clear(bits_[word]);
     }
     u32 next_used(u32 from) noexcept;      // at or above `from`
     u32 previous_used(u32 from) noexcept;  // at or below `from`
@@ -109,36 +86,30 @@ public:
 private:
     using Word = std::uintptr_t;
     static constexpr unsigned kBits = sizeof(Word) * 8;
-    static constexpr unsigned kMinLevels = 3;
+    static constexpr unsigned kFullLevels = 3;
     static constexpr unsigned kMaxLevels = kBits == 64 ? 6 : 7;
     static constexpr Word kAll = ~Word{0};
 
     // Level 0 has its bits under all three names.
     Word *bits_ = nullptr;
     unsigned levels_ = 0;
-    Word *full_[kMaxLevels] = {};
+    Word *full_[kFullLevels] = {};
     Word *any_[kMaxLevels] = {};
     u32 words_[kMaxLevels] = {};
 
-    bool is_first_in_word(u32 slot) const noexcept { return bits_[slot / kBits] == 0 && slot >= kBits; }
     static Word bit(u32 number) noexcept { return Word{1} << number % kBits; }
+    static Word all_but(u32 number) noexcept { return std::rotl(~Word{1}, static_cast<int>(number % kBits)); }
+    // Of a word that is not full.
+    static u32 lowest_clear(Word word) noexcept { return static_cast<u32>(__builtin_ctzll(static_cast<u64>(~word))); }
+    static bool is_empty_word(Word word, u32 slot) noexcept { return word == 0 && slot >= kBits; }
 
-    // From this level up, about the word below.
-    [[gnu::always_inline]] void note_full(unsigned level, u32 word) noexcept
+    void set_in_full(u32 slot) noexcept
     {
-        for (bool is_full = true; is_full && level < levels_; ++level) {
-            Word &words = full_[level][word / kBits];
-            words |= bit(word);
-            is_full = words == kAll;
-            word /= kBits;
-        }
-    }
-    [[gnu::always_inline]] void note_not_full(unsigned level, u32 word) noexcept
-    {
-        for (; level < levels_; ++level) {
-            full_[level][word / kBits] &= ~bit(word);
-            word /= kBits;
-        }
+        const u32 at = slot / kBits;
+        const u32 group = at / kBits;
+        bits_[at] |= bit(slot);
+        full_[1][group] |= Word{bits_[at] == kAll} << at % kBits;
+        full_[2][group / kBits] |= Word{full_[1][group] == kAll} << group % kBits;
     }
     void unmark_empty(unsigned level, u32 word) noexcept;
 };

@@ -28,7 +28,7 @@ Found scan(const PoolAid &aid, unsigned char *limit) noexcept
     } else {
         const u32 from = aid.number_of(slot);
         const u32 beyond = aid.number_of(limit) + 1;
-        const u32 number = std::min(aid.index->lowest_free(), beyond);
+        const u32 number = std::min(aid.index->lowest_free(from), beyond);
         aid.wrong_guesses = ~0U;
         slot = slot_at(pool, number);
         steps = number - from;
@@ -104,24 +104,7 @@ void *occupy(const PoolAid &aid, unsigned char *slot) noexcept
 
 }  // namespace
 
-void *take_lowest_slot(Held, const PoolAid &aid) noexcept
-{
-    if (aid.small_bytes == 0 || aid.pool->first_free > aid.pool->last_normal) [[unlikely]] {
-        return nullptr;
-    }
-    const u32 first = aid.number_of(aid.pool->first_free);
-    u32 number = aid.index->lowest_free_near(first);
-    if (number == SlotIndex::kNone) {
-        number = aid.index->lowest_free();
-    }
-    const Lowest found = lowest_at(aid, first, number);
-    if (found.slot == nullptr || !aid.index->set_unforeseen(found.number)) [[unlikely]] {
-        return nullptr;
-    }
-    aid.wrong_guesses = aid.wrong_guesses >> 1 | u32{found.steps != 0} << 31;
-    add(aid.pool->scan_steps, found.steps);
-    return hand_out(aid, found.slot, found.path());
-}
+void *take_lowest_slot(Held held, const PoolAid &aid) noexcept { return take_lowest_slot_at_once(held, aid); }
 
 void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept
 {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 // Taking and giving back slots. What every allocation and release goes through is inline; slots.cpp has the rest.
 namespace memm {
@@ -42,10 +43,14 @@ inline void raise_highest(Pool &pool, int in_use) noexcept
     auto *first = static_cast<unsigned char *>(object);
     unsigned char *const end = first + bytes;
     if (bytes > 64) {
-        for (; first < end - 64; first += 64) {
+        for (; end - first > 64; first += 64) {
             std::memset(first, 0, 64);
         }
-        std::memset(end - 64, 0, 64);
+        if (end - first <= 16) {
+            std::memset(end - 16, 0, 16);
+        } else {
+            std::memset(end - 64, 0, 64);
+        }
     } else if (bytes >= 16) {
         std::memset(first, 0, 16);
         std::memset(end - 16, 0, 16);
@@ -60,36 +65,38 @@ inline void raise_highest(Pool &pool, int in_use) noexcept
     }
 }
 
-// The lowest free slot, where the index knows it at once and the guesses before the scan would not find another.
+// The lowest free slot of a pool.
 struct Lowest {
-    unsigned char *slot = nullptr;  // null: it takes a search
-    u32 number = 0;
-    u32 steps = 0;  // from first_free
+    unsigned char *slot;
+    u32 number;
+    u32 steps;  // from first_free
 
     unsigned path() const noexcept { return steps == 0 ? MEMM_PATH_FIRST_FREE : MEMM_PATH_SCAN; }
 };
 
-// `number` is what the index says. Whether that is first_free is as good as random, so no branch depends on it: one
-// that is foreseen wrongly would hold up the memory accesses of the allocations to come.
-[[gnu::always_inline]] inline Lowest lowest_at(const PoolAid &aid, u32 first, u32 number) noexcept
+// `first` is the number of first_free. Nothing where the index knows none, or where the guesses before the scan would
+// find another. Whether it is first_free is as good as random, so no branch depends on it: one that is foreseen wrongly
+// would hold up the memory accesses of the allocations to come.
+[[gnu::always_inline]] inline std::optional<Lowest> lowest_from(const PoolAid &aid, u32 first) noexcept
 {
     const Pool &pool = *aid.pool;
+    const u32 number = aid.index->lowest_free(first);
     if (number == SlotIndex::kNone) [[unlikely]] {
-        return {};
+        return std::nullopt;
     }
     const u32 steps = number - first;
     unsigned char *const slot = pool.first_free + std::size_t{steps} * pool.slot_size;
     const bool is_second_guess_right = (steps != 0) & (pool.last_used < pool.last_normal);
     if (is_second_guess_right || slot > pool.last_normal) [[unlikely]] {
-        return {};
+        return std::nullopt;
     }
-    return {slot, number, steps};
+    return Lowest{slot, number, steps};
 }
 
 // What is left when the slot is known, by which path, and no longer counts as free.
-[[gnu::always_inline]] inline void *hand_out(const PoolAid &aid, unsigned char *slot, unsigned path) noexcept
+[[gnu::always_inline]] inline void *hand_out(const PoolAid &aid, Pool &pool, unsigned char *slot,
+                                             unsigned path) noexcept
 {
-    Pool &pool = *aid.pool;
     store(pool.first_free, slot + pool.slot_size);
     add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
     add(pool.alloc_count[path], 1);
@@ -108,10 +115,25 @@ struct Lowest {
         (aid.index != nullptr && !aid.index->set_at_once(aid.number_of(slot)))) [[unlikely]] {
         return nullptr;
     }
-    return hand_out(aid, slot, MEMM_PATH_FIRST_FREE);
+    return hand_out(aid, *aid.pool, slot, MEMM_PATH_FIRST_FREE);
 }
 
 // The same for a pool whose guesses have been wrong of late: its index knows the slot as fast either way.
+[[gnu::always_inline]] inline void *take_lowest_slot_at_once(Held, const PoolAid &aid) noexcept
+{
+    Pool &pool = *aid.pool;
+    if (aid.small_bytes == 0 || pool.first_free > pool.last_normal) [[unlikely]] {
+        return nullptr;
+    }
+    const u32 first = aid.number_of(pool.first_free);
+    const std::optional<Lowest> found = lowest_from(aid, first);
+    if (!found || !aid.index->set_unforeseen(found->number)) [[unlikely]] {
+        return nullptr;
+    }
+    aid.wrong_guesses = aid.wrong_guesses >> 1 | u32{found->steps != 0} << 31;
+    add(pool.scan_steps, found->steps);
+    return hand_out(aid, pool, found->slot, found->path());
+}
 void *take_lowest_slot(Held, const PoolAid &aid) noexcept;
 
 void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
@@ -130,20 +152,23 @@ bool pass_slot_elsewhere(const PoolAid &aid) noexcept;
 [[gnu::always_inline]] inline bool pass_slot(Held, const PoolAid &aid) noexcept
 {
     Pool &pool = *aid.pool;
-    Lowest found;
+    std::optional<Lowest> found;
     if (aid.index != nullptr && pool.first_free <= pool.last_normal) {
         const u32 first = aid.number_of(pool.first_free);
-        found = lowest_at(aid, first, aid.index->lowest_free_near(first));
+        found = lowest_from(aid, first);
     } else if (aid.is_ordinary && pool.first_free <= pool.last_normal && is_free(pool.first_free)) {
-        found.slot = pool.first_free;
+        found = Lowest{pool.first_free, 0, 0};
     }
-    if (found.slot == nullptr) [[unlikely]] {
+    if (!found) [[unlikely]] {
         return pass_slot_elsewhere(aid);
     }
-    store(pool.first_free, found.slot);
-    add(pool.scan_steps, found.steps);
+    store(pool.first_free, found->slot);
+    // The next allocation takes it, and it may lie across two cache lines.
+    __builtin_prefetch(found->slot, 1);
+    __builtin_prefetch(found->slot + pool.slot_size - 1, 1);
+    add(pool.scan_steps, found->steps);
     add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
-    add(pool.alloc_count[found.path()], 1);
+    add(pool.alloc_count[found->path()], 1);
     raise_highest(pool, load(pool.cur_count) + 1);
     add(pool.free_count, 1);
     return true;
@@ -152,8 +177,9 @@ bool pass_slot_elsewhere(const PoolAid &aid) noexcept;
 // The end of a release to which the object's owner has agreed: the slot becomes free.
 void finish_release(Held, const PoolAid &aid, unsigned char *slot) noexcept;
 
-// The same where nothing has to be searched or called for it; false, and nothing has happened, elsewhere.
-[[gnu::always_inline]] inline bool finish_release_at_once(Held, const PoolAid &aid, unsigned char *slot) noexcept
+// The same in the pool's words, where nothing has to be searched for it; false, and nothing has happened, elsewhere.
+// The index is still to be told.
+[[gnu::always_inline]] inline bool return_slot(Held, const PoolAid &aid, unsigned char *slot) noexcept
 {
     Pool &pool = *aid.pool;
     // Deliberate: when all slots are free again, last_used ends on the first one, not before it.
@@ -161,15 +187,23 @@ void finish_release(Held, const PoolAid &aid, unsigned char *slot) noexcept;
     if (moves_last_used && is_free(aid, slot - pool.slot_size)) [[unlikely]] {
         return false;
     }
-    if (aid.index != nullptr) {
-        aid.index->clear(aid.number_of(slot));
-    }
     add(pool.free_count, 1);
     add(pool.cur_count, -1);
     ObjectHeader{}.write_to(slot);
     store(pool.first_free, std::min(pool.first_free, slot));  // one is as likely as the other: no branch
     if (moves_last_used) {
         store(pool.last_used, slot - pool.slot_size);
+    }
+    return true;
+}
+
+[[gnu::always_inline]] inline bool finish_release_at_once(Held held, const PoolAid &aid, unsigned char *slot) noexcept
+{
+    if (!return_slot(held, aid, slot)) [[unlikely]] {
+        return false;
+    }
+    if (aid.index != nullptr) {
+        aid.index->clear(aid.number_of(slot));
     }
     return true;
 }
