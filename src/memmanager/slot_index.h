@@ -45,19 +45,19 @@ public:
         full_[2][group / kBits] &= all_but(group);
     }
 
-    // Marks a free slot as used where nothing has to be noted above its word; false, and nothing has happened,
+    // Marks a slot as used if it is free and nothing has to be noted above its word; false, and nothing has happened,
     // elsewhere.
     bool set_at_once(u32 slot) noexcept
     {
         Word &word = bits_[slot / kBits];
         const Word changed = word | bit(slot);
-        if (changed == kAll || is_empty_word(word, slot)) [[unlikely]] {
+        if (changed == word || changed == kAll || is_empty_word(word, slot)) [[unlikely]] {
             return false;
         }
         word = changed;
         return true;
     }
-    // The same where only full words have to be noted, and without a branch that depends on which are.
+    // The same for a free slot where only full words have to be noted, and without a branch that depends on which are.
     bool set_unforeseen(u32 slot) noexcept
     {
         if (is_empty_word(bits_[slot / kBits], slot)) [[unlikely]] {

@@ -110,12 +110,16 @@ struct Lowest {
 // happened, elsewhere.
 [[gnu::always_inline]] inline void *take_slot_at_once(Held, const PoolAid &aid) noexcept
 {
-    unsigned char *const slot = aid.pool->first_free;
-    if (aid.small_bytes == 0 || slot > aid.pool->last_normal || !is_free(aid, slot) ||
-        (aid.index != nullptr && !aid.index->set_at_once(aid.number_of(slot)))) [[unlikely]] {
+    Pool &pool = *aid.pool;
+    unsigned char *const slot = pool.first_free;
+    if (aid.small_bytes == 0 || slot > pool.last_normal) [[unlikely]] {
         return nullptr;
     }
-    return hand_out(aid, *aid.pool, slot, MEMM_PATH_FIRST_FREE);
+    const bool is_taken = aid.index != nullptr ? aid.index->set_at_once(aid.number_of(slot)) : is_free(slot);
+    if (!is_taken) [[unlikely]] {
+        return nullptr;
+    }
+    return hand_out(aid, pool, slot, MEMM_PATH_FIRST_FREE);
 }
 
 // The same for a pool whose guesses have been wrong of late: its index knows the slot as fast either way.
