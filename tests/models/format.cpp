@@ -1,5 +1,6 @@
 // Formatted output against the C library's: flags, widths, lengths and letters in any mixture, also such as mean
-// nothing, into strings with and without a limit and in a pool whose buffer is nearly full.
+// nothing, into strings with and without a limit and in a pool whose buffer is nearly full; and as in reports.
+#include "base/format.h"
 #include "dynstring/text_pool.h"
 #include "models/family.h"
 #include "support/recording_platform.h"
@@ -8,7 +9,8 @@ namespace {
 
 constexpr const char *kFlags[] = {"", "", "0", "-", "00", "-0", "+", " ", "#"};
 constexpr const char *kWidths[] = {"", "", "1", "7", "12", "40", "300", ".3", "9.5", "."};
-constexpr const char *kLengths[] = {"", "", "l", "ll", "h", "hh", "z", "j"};
+constexpr const char *kLengths[] = {"", "", "l", "ll", "h", "hh", "z", "j", "t"};
+constexpr const char *kTails[] = {"", "", "%*.*o%p", "%*.*X%p%.2f"};
 constexpr const char *kWords[] = {"", "ab", "a longer word than most", nullptr};
 constexpr long long kValues[] = {0, 1, -1, 42, -100, 65, INT_MAX, INT_MIN, 4294967295, LLONG_MAX, LLONG_MIN};
 
@@ -30,6 +32,10 @@ void print(Target &target, Stream &in, const std::string &format, auto... values
     same(dynstr_reset(string) + dynstr_setmaxsize(string, max), 0U, "set-up");
     char printed[700];
     const auto size = static_cast<std::size_t>(std::snprintf(printed, sizeof printed, format.c_str(), values...));
+    char reported[700];
+    const auto most = in.next() % sizeof reported;
+    same(memm::format_to(reported, most, format.c_str(), values...), size, "length in a report");
+    same(most == 0 || reported == std::string(printed).substr(0, most - 1), true, format.c_str());
     const unsigned room = texts.room(), asked = recorder().calls(Op::getmem);
     const bool has_no_block = in.one_in(4);
     recorder().fail_nth(Op::getmem, has_no_block ? 1 : 0);
@@ -54,14 +60,19 @@ void step(Stream &in)
     static Target target;
     const char letter = in.one_of(std::string_view("diuxdxXoc%"));
     const std::string length = letter == 'c' || letter == '%' ? "" : in.one_of(kLengths);
-    const std::string format = text("<%%%%> %%%s%ss|%%%s%s%s%c", in.one_in(2) ? "-" : "", in.one_of(kWidths),
-                                    in.one_of(kFlags), in.one_of(kWidths), length.c_str(), letter);
+    const char *const tail = letter == '%' ? "" : in.one_of(kTails);
+    const std::string format = text("<%%%%> %%%s%ss|%%%s%s%s%c%s", in.one_in(2) ? "-" : "", in.one_of(kWidths),
+                                    in.one_of(kFlags), in.one_of(kWidths), length.c_str(), letter, tail);
     const char *const word = in.one_of(kWords);
     const long long value = in.one_of(kValues);
+    const int width = in.within(-20, 40), precision = in.within(-2, 20);
+    const auto print_as = [&](auto number) {
+        print(target, in, format, word, number, width, precision, width, in.one_in(2) ? nullptr : word, 0.5);
+    };
     if (length == "ll" || length == "j")
-        print(target, in, format, word, value);
-    else if (length == "l" || length == "z")
-        print(target, in, format, word, static_cast<long>(value));
+        print_as(value);
+    else if (length == "l" || length == "z" || length == "t")
+        print_as(static_cast<long>(value));
     else
-        print(target, in, format, word, static_cast<int>(value));
+        print_as(static_cast<int>(value));
 }

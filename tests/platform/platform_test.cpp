@@ -3,7 +3,6 @@
 #include "platform/probe.h"
 #include "support/pools.h"
 
-#include <array>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/mman.h>
@@ -69,40 +68,6 @@ TEST(output, of_any_length_goes_to_its_channel)
         EXPECT_EQ(testing::internal::GetCapturedStdout(), text + "7");
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   text + "0.5[memm] error 0x10002, severity 2, memmanager:123: 100% used: %s\r\n");
-    }
-}
-
-// As in reports that signal handlers write: by a formatter of its own, and what that refuses by the C library's.
-TEST(output, is_formatted_as_by_the_c_library)
-{
-    std::mt19937 dice(std::random_device{}());
-    const auto number = [&] { return static_cast<int>(dice()) >> dice() % 32; };
-    constexpr char kUnterminated[] = {'a', 'b', 'c'};
-    for (int round = 0; round < 5000; ++round) {
-        std::string form = "%", expected;
-        for (unsigned flags = static_cast<unsigned>(dice()) % 32; flags != 0; flags &= flags - 1)
-            form += "-0+ #"[__builtin_ctz(flags)];
-        const int width = number() % 41, precision = number() % 31;
-        const auto print = [&](const std::string &conversion, auto value) {
-            const std::string format = form + "*.*" + conversion + form + "17" + conversion + "100%%%.3s";
-            char *text = nullptr;
-            const int length = asprintf(&text, format.c_str(), width, precision, value, value, kUnterminated);
-            expected.append(text, static_cast<std::size_t>(length));
-            std::free(text);
-            dbg_printf(format.c_str(), width, precision, value, value, kUnterminated);
-        };
-        const std::string letter(1, "diuxXo"[dice() % 6]);
-        const long long wide = dice() % 9 == 0 ? LLONG_MIN : 1LL * number() * number();
-        testing::internal::CaptureStdout();
-        print(std::string("hh").substr(dice() % 3) + letter, number());
-        print("lzt"[dice() % 3] + letter, static_cast<long>(wide));
-        print((dice() % 2 == 0 ? "ll" : "j") + letter, wide);
-        print("s",
-              std::array<const char *, 5>{nullptr, "", "a", "seven b", "a text of thirty characters..."}[dice() % 5]);
-        print("c", number());
-        print("p", reinterpret_cast<void *>(static_cast<std::uintptr_t>(dice() % 4 == 0 ? 0 : wide)));
-        print(std::string(1, "feg"[dice() % 3]), number() / 7.0);
-        ASSERT_EQ(testing::internal::GetCapturedStdout(), expected) << form;
     }
 }
 

@@ -24,5 +24,5 @@ foreach(compiler IN LISTS compilers)
 endforeach()
 if(CLANG)
     border_test(layouts_of_a_32_bit_target ${CLANG} --target=i686-linux-gnu -ffreestanding -fsyntax-only
-        -x c -std=c11 -I${PROJECT_SOURCE_DIR}/include ${CMAKE_CURRENT_SOURCE_DIR}/layouts.h)
+        -x c -std=c11 -I${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/tests/border/layouts.h)
 endif()
