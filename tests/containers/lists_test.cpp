@@ -1,8 +1,6 @@
 // What the models leave open: long lists, pools that are full.
 #include "support/recording_platform.h"
 
-namespace {
-
 std::mt19937 dice(271);
 
 int by_value(void *placed, void *ordered) { return *static_cast<int *>(placed) - *static_cast<int *>(ordered); }
@@ -123,5 +121,3 @@ TEST(string_lists, are_joined_from_strings_of_any_pool_and_kind)
     EXPECT_EQ(dynstr_fromstrlist(pool, list, ","), nullptr) << "one is deleted";
     EXPECT_EQ(dynstr_getstring(dynstr_fromstrlist(pool, list->next, "; ")), text + "; elsewhere; ; literal");
 }
-
-}  // namespace

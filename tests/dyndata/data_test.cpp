@@ -1,10 +1,6 @@
 // What the model leaves open: sizes at which the form of a record changes, and reports.
 #include "support/recording_platform.h"
 
-#include <memmanager/dyndata.h>
-
-namespace {
-
 unsigned make_data(const char *name, int count, unsigned bytes)
 {
     return make_any_pool([=] { return dyndata_init(2) == 0 ? dyndata_initpool(name, count, bytes) : -1; });
@@ -93,5 +89,3 @@ TEST(data_pools, refuse_what_is_not_theirs_and_pools_that_lost_their_area)
     hooks.cookie = area;
     EXPECT_EQ(bytes_of(object), "bytes");
 }
-
-}  // namespace

@@ -5,8 +5,6 @@
 
 #include <arpa/inet.h>
 
-namespace {
-
 using memm::strings::TextPool;
 
 const memm_pooloptions &hooks_of(unsigned pool) { return pool_at(pool).options; }
@@ -230,5 +228,3 @@ TEST(integrity_check, names_every_fault)
         EXPECT_NE(recorder().take_debug().find("[MEMM] dynstr integrity check failed: \r\n"), expected.npos);
     }
 }
-
-}  // namespace

@@ -3,11 +3,6 @@
 #include "dynstring/text_pool.h"
 #include "support/recording_platform.h"
 
-#include <memmanager/dyndata.h>
-#include <memmanager/lock.h>
-#include <memmanager/strpair.h>
-#include <memmanager/timestat.h>
-
 #include <list>
 #include <sys/mman.h>
 

@@ -1,9 +1,6 @@
 // The literal texts of all reports; locks and the stopwatch.
 #include "support/recording_platform.h"
 
-#include <memmanager/lock.h>
-#include <memmanager/timestat.h>
-
 namespace {
 
 // Slots of 16 bytes for both word sizes.

@@ -3,8 +3,6 @@
 
 #include <arpa/inet.h>
 
-namespace {
-
 struct Conversion {
     const char *name;
     unsigned (*read)(const dynstr *, unsigned char *);
@@ -101,8 +99,6 @@ std::string any_text(Stream &in)
         text[in.next() % text.size()] = in.one_of(std::string_view("0123456789abcfxTXZ:--+. \t\n\x01\x85\xff/g"));
     return in.one_in(8) ? text.substr(in.next() % (text.size() + 1)) : text;
 }
-
-}  // namespace
 
 void step(Stream &in)
 {

@@ -2,11 +2,7 @@
 #include "dyndata/area.h"
 #include "models/family.h"
 
-#include <memmanager/dyndata.h>
-
 #include <list>
-
-namespace {
 
 constexpr unsigned kOk = MEMM_OK, kNoMemory = MEMM_E_NO_MEMORY;
 
@@ -155,8 +151,6 @@ public:
         same(figures(pool_at(id_)), figures(pool_at(twins_)), "counters");
     }
 };
-
-}  // namespace
 
 void step(Stream &in)
 {

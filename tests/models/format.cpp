@@ -5,8 +5,6 @@
 #include "models/family.h"
 #include "support/recording_platform.h"
 
-namespace {
-
 constexpr const char *kFlags[] = {"", "", "0", "-", "00", "-0", "+", " ", "#"};
 constexpr const char *kWidths[] = {"", "", "1", "7", "12", "40", "300", ".3", "9.5", "."};
 constexpr const char *kLengths[] = {"", "", "l", "ll", "h", "hh", "z", "j", "t"};
@@ -52,8 +50,6 @@ void print(Target &target, Stream &in, const std::string &format, auto... values
     same(string->str == nullptr, result != 0, "an address");
     same(dynstr_integrity_check(pool, 0), 1, "integrity_check");
 }
-
-}  // namespace
 
 void step(Stream &in)
 {

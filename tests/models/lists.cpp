@@ -2,8 +2,6 @@
 // as it stands in the lists; nodes that a call leaves to its caller are released at once.
 #include "models/family.h"
 
-namespace {
-
 constexpr unsigned kInvalid = MEMM_E_INVALID, kNoMemory = MEMM_E_NO_MEMORY, kAny = 0xffffffff;
 constexpr unsigned kLists = 4;
 constexpr int kNodes = 14, kObjects = 10;
@@ -250,8 +248,6 @@ public:
         walk_on();
     }
 };
-
-}  // namespace
 
 void step(Stream &in)
 {

@@ -2,8 +2,6 @@
 #include "models/family.h"
 #include "support/recording_platform.h"
 
-namespace {
-
 std::string any_orders(Stream &in)
 {
     static const std::string kPieces[] = {"\n", "stats\n", "all", "#", "dyn", "pool\n", "\r\n", std::string(1, '\0')};
@@ -21,8 +19,6 @@ std::string report_of(const char *line)
         memm_print_objects2(std::string_view(line) == "all" ? nullptr : line, 4);
     return recorder().take_debug();
 }
-
-}  // namespace
 
 void step(Stream &in)
 {

@@ -3,8 +3,6 @@
 #include "models/family.h"
 #include "support/recording_platform.h"
 
-namespace {
-
 constexpr int kObjectBytes = 12;
 constexpr unsigned kFree = ~0U, kReference = 1U << 24;
 
@@ -273,8 +271,6 @@ public:
         same(recorder().take_errors(), std::exchange(expected_errors, ""), "errors");
     }
 };
-
-}  // namespace
 
 void step(Stream &in)
 {

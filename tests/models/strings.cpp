@@ -4,8 +4,6 @@
 #include "dynstring/text_pool.h"
 #include "models/family.h"
 
-namespace {
-
 using memm::strings::Reason;
 using memm::strings::TextPool;
 
@@ -354,8 +352,6 @@ public:
         }
     }
 };
-
-}  // namespace
 
 void step(Stream &in)
 {

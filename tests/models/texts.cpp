@@ -1,10 +1,6 @@
 // Texts that are split into lists and pairs of strings, and joined again. Each operation gives back all that it makes.
 #include "models/family.h"
 
-#include <memmanager/strpair.h>
-
-namespace {
-
 int nodes, strings;
 
 // The string is released.
@@ -128,8 +124,6 @@ void pairs(Stream &in)
 }
 
 int live() { return pool_at(strings).cur_count - *pool_at(strings).count_base + pool_at(nodes).cur_count; }
-
-}  // namespace
 
 void step(Stream &in)
 {

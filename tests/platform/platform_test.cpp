@@ -10,8 +10,6 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
-namespace {
-
 constexpr unsigned kNotTheHolder = 1, kTimedOut = 6;
 constexpr int kWait = 0, kTry = 1;
 
@@ -181,5 +179,3 @@ TEST(words, are_read_and_written_where_that_harms_nobody)
         prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
     }
 }
-
-}  // namespace

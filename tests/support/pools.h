@@ -1,7 +1,10 @@
 #pragma once
 
+#include <memmanager/dyndata.h>
+#include <memmanager/lock.h>
 #include <memmanager/platform.h>
-#include <memmanager/strlist.h>
+#include <memmanager/strpair.h>
+#include <memmanager/timestat.h>
 #include <algorithm>
 #include <climits>
 #include <csignal>
