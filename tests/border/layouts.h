@@ -5,10 +5,7 @@
 #include <memmanager/lock.h>
 #include <memmanager/timestat.h>
 
-#ifndef __cplusplus
-#define static_assert _Static_assert
-#endif
-#define SIZE(type, on_32, on_64) static_assert(sizeof(type) == (sizeof(void *) == 4 ? (on_32) : (on_64)), #type)
+#define SIZE(type, on_32, on_64) _Static_assert(sizeof(type) == (sizeof(void *) == 4 ? (on_32) : (on_64)), #type)
 
 SIZE(memm_word, 4, 8);
 SIZE(memm_pooloptions, 32, 64);

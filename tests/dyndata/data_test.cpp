@@ -77,10 +77,9 @@ TEST(data_pools, refuse_what_is_not_theirs_and_pools_that_lost_their_area)
                                            "[DYNDATA] loc_dyndata_printobject" + text);
     int current = 1;
     hooks.stats_cb(foreign, nullptr, nullptr, nullptr, dbg_printf);
+    EXPECT_EQ(recorder().take_debug(), "");
     hooks.stats_cb(area, &current, nullptr, nullptr, dbg_printf);
     EXPECT_EQ(current, 1 + 5);
-    EXPECT_EQ(recorder().take_debug(),
-              "\r\n - data buffer                                         5,     5,   100  (   5%)");
     for (void *const cookie : {foreign, static_cast<void *>(&current), static_cast<void *>(nullptr)}) {
         hooks.cookie = cookie;
         EXPECT_EQ(dyndata_setdata(object, "x", 1), unsigned{MEMM_E_INVALID});

@@ -71,15 +71,8 @@ TEST(values, are_written_as_their_readers_want_them)
     const unsigned id = make_strings();
     dynstr *const dates[] = {make(id), make(id)}, *string = nullptr, *part = nullptr;
     EXPECT_EQ(dynstr_setutcdatetime(dates[0], 0) + dynstr_setutcdatetime(dates[1], UINT_MAX), 0U);
-    const auto print = [](unsigned pool, dynstr **slot, const char *format, ...) {
-        va_list arguments;
-        va_start(arguments, format);
-        _dynstr_ex_fromvprintf(pool, slot, format, arguments, "file", 1);
-        va_end(arguments);
-    };
-    print(id, &string, "%ls", L"\x1234");  // no such character
-    EXPECT_STREQ(string->str, "");
-    print(id, &string, "%d %s", 7, "seven");
+    EXPECT_STREQ(dynstr_fromprintf(id, "%ls", L"\x1234")->str, "") << "no such character";
+    _dynstr_ex_fromprintf(id, &string, "%d %s", "file", 1, 7, "seven");
     _dynstr_ex_fromsubstring(id, &part, "abcd", 1, 2, "file", 1);
     std::string written;
     for (dynstr *const made :

@@ -59,8 +59,6 @@ const Obstacle kObstacles[] = {
     {"short writes", [](auto &, auto &) { fail_always(Op::write, kShort); }},
     {"interruptions",
      [](auto &, auto &) { fault = [n = 0](Op op) mutable { return op == Op::write && ++n % 2 != 0 ? EINTR : 0; }; }},
-    {"no ftruncate",
-     [](auto &, auto &path) { write_file(path, std::string(20000, 'x')), fail_always(Op::ftruncate, EIO); }},
     {"no write", [](auto &, auto &) { fail_always(Op::write, EDQUOT); }, 0},
 };
 

@@ -101,7 +101,6 @@ TEST(depletion, of_any_pool_at_any_size_leaves_pools_that_work)
             if (children.fork(text("at size %d", sizes.*size)))
                 run_script(sizes), children.end();
     EXPECT_EQ(children.end(), "");
-    std::printf("%d sizes\n", children.count);
 }
 
 }  // namespace

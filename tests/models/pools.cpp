@@ -251,7 +251,7 @@ public:
         id_ = make_pool(
             name, slots, kObjectBytes,  // objects without a callback are released in the short way
             {.release_cb = slots % 2 != 0 ? release : nullptr, .gc_cb = gc, .cookie = this, .spare_count = spare});
-        recorder().fail_never();
+        fault = nullptr;
         pool_.slots = pool_at(id_).slots;
         memm_get_currentcount_ptr(id_, &count_base_, &spare_flag_);
     }

@@ -26,7 +26,6 @@ public:
     {
         fault = [=, number = 0U](Op asked) mutable { return asked == op && ++number == n ? code : 0; };
     }
-    static void fail_never() { fault = nullptr; }
     unsigned calls(Op op) { return calls_[static_cast<std::size_t>(op)]; }  // all in this process
     std::size_t outside_blocks() const { return outside_.size(); }          // from xm_getmem and not given back
     unsigned largest_block = ~0U;                                           // more is refused
