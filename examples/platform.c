@@ -22,7 +22,9 @@ static void book(const char *label, unsigned bytes)
     while (i < 15 && account[i].bytes != 0 && strncmp(account[i].label, label, sizeof account[i].label - 1) != 0) {
         ++i;
     }
-    strncpy(account[i].label, label, sizeof account[i].label - 1);
+    for (unsigned at = 0; at < sizeof account[i].label - 1 && label[at] != 0; ++at) {
+        account[i].label[at] = label[at];
+    }
     account[i].bytes += bytes;
 }
 

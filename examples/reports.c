@@ -68,7 +68,7 @@ int main(void)
     const unsigned pool = (unsigned)memm_initpool("workers", 4, sizeof(struct worker), &options);
     struct worker *first = start(pool, BUSY, 4000);
     start(pool, BROKEN, 100);
-    start(pool, IDLE, 0);
+    start(pool, IDLE, 1);
     memm_print_stats("workers");
     memm_free(first);
     memm_print_objects2("workers", 0);

@@ -5,7 +5,8 @@
 #include <memmanager/lock.h>
 #include <memmanager/timestat.h>
 
-#define SIZE(type, on_32, on_64) _Static_assert(sizeof(type) == (sizeof(void *) == 4 ? (on_32) : (on_64)), #type)
+#define SIZE(type, on_32, on_64)                                                                                       \
+    typedef char size_of_##type[sizeof(type) == (sizeof(void *) == 4 ? (on_32) : (on_64)) ? 1 : -1]
 
 SIZE(memm_word, 4, 8);
 SIZE(memm_pooloptions, 32, 64);
