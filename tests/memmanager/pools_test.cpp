@@ -51,7 +51,7 @@ TEST(pools, that_cannot_be_made_leave_nothing_but_a_trace)
 TEST(pools, are_laid_out_as_documented_and_answer_by_object_and_by_id)
 {
     make_pool("first", 1);
-    for (const unsigned size : {1U, 5U, 12U, 13U, 4000U})
+    for (const unsigned size : {1U, 5U, 12U, 13U, 40U, 64U, 100U, 4000U})
         for (const unsigned slots : {1U, 256U, 257U}) {
             recorder().forget();
             const unsigned id = make_pool("", static_cast<int>(slots), static_cast<int>(size));
@@ -62,8 +62,9 @@ TEST(pools, are_laid_out_as_documented_and_answer_by_object_and_by_id)
             const std::string slot_block = text(" 1 %u;", slots * pool.slot_size + kLead);
             EXPECT_TRUE(blocks.starts_with(slot_block) && (slots > 256) == (blocks != slot_block)) << "an index";
             for (unsigned left = slots; left > 0; --left) {
-                void *const object = memm_calloc(id);
+                auto *const object = static_cast<unsigned char *>(memm_calloc(id));
                 ASSERT_TRUE(address(object) % kWord == 0 && header_of(object) == id);
+                EXPECT_EQ(std::count(object, object + size, 0), size);
                 std::memset(object, 0xff, size);  // neither a neighbour's header nor beyond the block
             }
         }

@@ -13,7 +13,7 @@ constexpr const char *kWords[] = {"", "ab", "a longer word than most", nullptr};
 constexpr long long kValues[] = {0, 1, -1, 42, -100, 65, INT_MAX, INT_MIN, 4294967295, LLONG_MAX, LLONG_MIN};
 
 struct Target {
-    const unsigned pool = make_strings(400, 1, 20);
+    const unsigned pool = make_strings(400, 1, 100);  // more records than texts find room
     const memm::strings::TextPool &texts = *memm::strings::text_pool(memm::PoolId{pool});
     dynstr *const string = dynstr_calloc(pool);
     dynstr *filler = nullptr;  // takes a part of the buffer
