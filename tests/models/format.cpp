@@ -43,7 +43,7 @@ void print(Target &target, Stream &in, const std::string &format, auto... values
     const std::string expected = std::string(printed, length).c_str();  // there may be a zero in its midst
     // Without room at the end a text waits outside while the buffer is compacted, where only the other one stays.
     const bool fits = length < room;
-    const unsigned other = dynstr_strlen(filler), beside = other == 0 ? 0 : other + 1;
+    const unsigned beside = filler == nullptr ? 0 : dynstr_strlen(filler) + 1;
     const bool fits_then = !has_no_block && expected.size() + 1 + beside <= texts.bufsize;
     same(recorder().calls(Op::getmem) != asked, !fits, "a block from outside");
     same(result, fits || fits_then ? 0U : unsigned{MEMM_E_NO_MEMORY}, "result");
