@@ -155,9 +155,8 @@ public:
             std::atomic_signal_fence(std::memory_order_seq_cst);
             return true;
         }
-        std::uintptr_t task = word_.load(std::memory_order_relaxed);
-        return (task & kWaiters) == 0 &&
-               word_.compare_exchange_strong(task, 0, std::memory_order_seq_cst, std::memory_order_relaxed);
+        std::uintptr_t task = me();
+        return word_.compare_exchange_strong(task, 0, std::memory_order_seq_cst, std::memory_order_relaxed);
     }
 };
 
