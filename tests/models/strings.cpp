@@ -273,7 +273,8 @@ public:
         dynstr *const to = handle(d), *const other = handle(s);
         switch (in.below(15)) {
         case 0:
-            return same(dynstr_setstring(to, text), assign(d, from, 0, -1), "setstring");
+            return same((max % 2 != 0 ? dynstr_setstring : dynstr_setstring_nolock)(to, text), assign(d, from, 0, -1),
+                        "setstring");
         case 1:
             return same((max % 2 != 0 ? dynstr_setdynstr : dynstr_setdynstr_nolock)(to, other),
                         assign(d, whole(s), 0, -1), "setdynstr");
