@@ -77,7 +77,7 @@ void add_churn(std::size_t capacity, std::int64_t steps, double goal)
 template <class Rival> void add_contention(const std::string &job)
 {
     if (Rival::is_there()) {
-        add(job, Rival::kName, 2'000'000,
+        add(job, Rival::kName, 10'000'000,  // who sleeps and who runs changes in phases
             [](benchmark::State &state) {
                 static Rival shared(64, 1000);
                 Pairs{}(state, shared);
