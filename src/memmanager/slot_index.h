@@ -100,7 +100,7 @@ private:
     static Word bit(u32 number) noexcept { return Word{1} << number % kBits; }
     static Word all_but(u32 number) noexcept { return std::rotl(~Word{1}, static_cast<int>(number % kBits)); }
     // Of a word that is not full.
-    static u32 lowest_clear(Word word) noexcept { return static_cast<u32>(__builtin_ctzll(static_cast<u64>(~word))); }
+    static u32 lowest_clear(Word word) noexcept { return static_cast<u32>(__builtin_ctzl(~word)); }
     static bool is_empty_word(Word word, u32 slot) noexcept { return word == 0 && slot >= kBits; }
 
     void set_in_full(u32 slot) noexcept

@@ -74,12 +74,13 @@ struct Lowest {
     unsigned path() const noexcept { return steps == 0 ? MEMM_PATH_FIRST_FREE : MEMM_PATH_SCAN; }
 };
 
-// `first` is the number of first_free. Nothing where the index knows none, or where the guesses before the scan would
-// find another. Whether it is first_free is as good as random, so no branch depends on it: one that is foreseen wrongly
-// would hold up the memory accesses of the allocations to come.
-[[gnu::always_inline]] inline std::optional<Lowest> lowest_from(const PoolAid &aid, u32 first) noexcept
+// Of a pool with an index, whose first_free is an ordinary slot. Nothing where the index knows none, or where the
+// guesses before the scan would find another. Whether it is first_free is as good as random, so no branch depends on
+// it: one that is foreseen wrongly would hold up the memory accesses of the allocations to come.
+[[gnu::always_inline]] inline std::optional<Lowest> lowest_of(const PoolAid &aid) noexcept
 {
     const Pool &pool = *aid.pool;
+    const u32 first = aid.number_of(pool.first_free);
     const u32 number = aid.index->lowest_free(first);
     if (number == SlotIndex::kNone) [[unlikely]] {
         return std::nullopt;
@@ -129,8 +130,7 @@ struct Lowest {
     if (aid.small_bytes == 0 || pool.first_free > pool.last_normal) [[unlikely]] {
         return nullptr;
     }
-    const u32 first = aid.number_of(pool.first_free);
-    const std::optional<Lowest> found = lowest_from(aid, first);
+    const std::optional<Lowest> found = lowest_of(aid);
     if (!found || !aid.index->set_unforeseen(found->number)) [[unlikely]] {
         return nullptr;
     }
@@ -158,8 +158,7 @@ bool pass_slot_elsewhere(const PoolAid &aid) noexcept;
     Pool &pool = *aid.pool;
     std::optional<Lowest> found;
     if (aid.index != nullptr && pool.first_free <= pool.last_normal) {
-        const u32 first = aid.number_of(pool.first_free);
-        found = lowest_from(aid, first);
+        found = lowest_of(aid);
     } else if (aid.is_ordinary && pool.first_free <= pool.last_normal && is_free(pool.first_free)) {
         found = Lowest{pool.first_free, 0, 0};
     }
