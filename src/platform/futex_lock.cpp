@@ -59,11 +59,12 @@ bool FutexLock::wait_and_take(const timespec *deadline) noexcept
     bool taken = false;
     for (bool in_time = true; !taken && in_time;) {
         std::uintptr_t seen = word_.load(std::memory_order_relaxed);
-        if (seen == 0) {
+        if (owned_by(seen, kNobody)) {
             taken = word_.compare_exchange_weak(seen, task | kWaiters, std::memory_order_acquire,
                                                 std::memory_order_relaxed);
         } else if ((seen & kWaiters) != 0 ||
                    word_.compare_exchange_weak(seen, seen | kWaiters, std::memory_order_relaxed)) {
+            falling_asleep_.store(true, std::memory_order_relaxed);
             in_time = wait_while(word_, static_cast<std::uint32_t>(seen | kWaiters), deadline);
         }
     }
@@ -71,10 +72,16 @@ bool FutexLock::wait_and_take(const timespec *deadline) noexcept
     return taken;
 }
 
-void FutexLock::wake_one() noexcept
+// A hold is mostly shorter than a waiter's way into the kernel: there is nobody to wake yet, and the waiter finds that
+// the word has changed. Left at that, threads that want the lock all the time would spend it on calls that miss each
+// other. So the mark comes back once, and a waiter that finds the lock taken again does sleep.
+void FutexLock::let_go_and_wake() noexcept
 {
     const int saved_errno = errno;
-    futex(word_, FUTEX_WAKE, 1, nullptr);
+    word_.store(kNobody, std::memory_order_seq_cst);
+    if (futex(word_, FUTEX_WAKE, 1, nullptr) == 0 && falling_asleep_.exchange(false, std::memory_order_relaxed)) {
+        word_.fetch_or(kWaiters, std::memory_order_relaxed);
+    }
     errno = saved_errno;
 }
 

@@ -11,8 +11,9 @@
 // A recursive lock that may be taken and released inside a signal handler at any instruction of the thread that it
 // interrupted.
 //
-//     word_   0: free.  Else: the owner's identity, bit 0 set when a waiter may sleep.
-//     extra_  holds beyond the first. Written by the owner alone, 0 whenever the lock is free.
+//     word_            the owner's identity, 0 when it is free; bit 0 is set when a waiter may sleep.
+//     extra_           holds beyond the first. Written by the owner alone, 0 whenever the lock is free.
+//     falling_asleep_  a waiter was on its way to sleep since this was last looked at.
 //
 // One word decides who owns the lock and one store or exchange changes that, so a handler finds it free or owned, never
 // in between: extra_ is already right at the instant in which the word changes hands. A handler that nests leaves
@@ -37,16 +38,18 @@ inline bool process_has_one_thread() noexcept
 }
 
 class FutexLock {
+    static constexpr std::uintptr_t kNobody = 0;
     static constexpr std::uintptr_t kWaiters = 1;
 
     std::atomic<std::uintptr_t> word_{0};
     std::atomic<std::uint32_t> extra_{0};
+    std::atomic<bool> falling_asleep_{false};
 
     // Where the thread's own data begins: unlike a kernel thread id it costs one load and survives fork.
     static std::uintptr_t me() noexcept { return reinterpret_cast<std::uintptr_t>(__builtin_thread_pointer()); }
     static bool owned_by(std::uintptr_t word, std::uintptr_t task) noexcept { return (word & ~kWaiters) == task; }
 
-    // Only when the word was just seen to be 0.
+    // Only when the lock was just seen to be free. A mark stays.
     bool claim(std::uintptr_t task) noexcept
     {
         if (process_has_one_thread()) [[likely]] {
@@ -54,8 +57,14 @@ class FutexLock {
             std::atomic_signal_fence(std::memory_order_seq_cst);
             return true;
         }
-        std::uintptr_t free = 0;
-        return word_.compare_exchange_strong(free, task, std::memory_order_acquire, std::memory_order_relaxed);
+        std::uintptr_t free = kNobody;
+        while (!word_.compare_exchange_strong(free, task | free, std::memory_order_acquire,
+                                              std::memory_order_relaxed)) {
+            if (!owned_by(free, kNobody)) {
+                return false;
+            }
+        }
+        return true;
     }
 
     // The first step up and the last one down store a constant: a processor that foresees them need not wait for the
@@ -70,10 +79,10 @@ class FutexLock {
     }
 
     bool wait_and_take(const timespec *deadline) noexcept;
-    void wake_one() noexcept;
+    void let_go_and_wake() noexcept;
 
 public:
-    bool is_free() const noexcept { return word_.load(std::memory_order_seq_cst) == 0; }
+    bool is_free() const noexcept { return owned_by(word_.load(std::memory_order_seq_cst), kNobody); }
     bool is_mine() const noexcept { return owned_by(word_.load(std::memory_order_relaxed), me()); }
     bool is_nested() const noexcept { return extra_.load(std::memory_order_relaxed) != 0; }
     // The caller's, and no waiter sleeps.
@@ -94,7 +103,7 @@ public:
         wait_and_take(nullptr);
     }
 
-    // Takes a free lock.
+    // Takes a free lock that no waiter has marked.
     bool take_free() noexcept { return word_.load(std::memory_order_relaxed) == 0 && claim(me()); }
 
     bool try_take() noexcept
@@ -105,7 +114,7 @@ public:
             nest();
             return true;
         }
-        return seen == 0 && claim(task);
+        return owned_by(seen, kNobody) && claim(task);
     }
 
     // Waits by the monotonic clock; false when the time ran out.
@@ -125,8 +134,7 @@ public:
     void release_mine() noexcept
     {
         if (!unnest() && !let_go_unwaited()) [[unlikely]] {
-            word_.store(0, std::memory_order_seq_cst);
-            wake_one();
+            let_go_and_wake();
         }
     }
 
