@@ -22,9 +22,10 @@ struct Join {
     int first;
     int last;
 
+    // For an escape that is not 0.
     bool escapes(char character) const noexcept
     {
-        return escape != '\0' && (character == escape || (!separator.empty() && character == separator.front()));
+        return character == escape || (!separator.empty() && character == separator.front());
     }
 };
 

@@ -2,6 +2,7 @@
 
 #include "memmanager/block.h"
 #include "memmanager/trace.h"
+#include "memmanager/usage.h"
 
 #include <memmanager/platform.h>
 #include <algorithm>
@@ -23,10 +24,8 @@ bool is_record(const void *cookie) noexcept
 
 void print_record(void *object)
 {
-    if (object != nullptr) {
-        const char *name = static_cast<const Area *>(object)->name;
-        dbg_printf(" - '%s'", name == nullptr ? "(null)" : name);
-    }
+    const char *name = static_cast<const Area *>(object)->name;
+    dbg_printf(" - '%s'", name == nullptr ? "(null)" : name);
 }
 
 void print_usage(void *cookie, int *current, int *highest, int *available, memm_printf_fn print)
@@ -35,23 +34,18 @@ void print_usage(void *cookie, int *current, int *highest, int *available, memm_
         return;
     }
     const Area &area = *static_cast<const Area *>(cookie);
-    const int percent = area.bufsize == 0 ? 0 : static_cast<int>(u64{area.max} * 100 / area.bufsize);
     const auto curr = static_cast<int>(area.curr);
     const auto max = static_cast<int>(area.max);
     const auto size = static_cast<int>(area.bufsize);
+    const int percent = percentage(area.max, area.bufsize);
     if (current == nullptr) {
         print(" %-25s  data buffer  curr/max/avail %d,%d,%d  (%3d%%)\r\n", "", curr, max, size, percent);
         return;
     }
     print("\r\n %-25s %20s   %6d,%6d,%6d  ( %3d%%)", "- data buffer", "", curr, max, size, percent);
-    const auto add_to = [](int *total, u32 bytes) {
-        if (total != nullptr) {
-            *total = static_cast<int>(static_cast<u32>(*total) + bytes);
-        }
-    };
-    add_to(current, area.curr);
-    add_to(highest, area.max);
-    add_to(available, area.bufsize);
+    add_to(current, curr);
+    add_to(highest, max);
+    add_to(available, size);
 }
 
 }  // namespace

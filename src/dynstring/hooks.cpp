@@ -1,6 +1,7 @@
 #include "dynstring/text_pool.h"
 
 #include "memmanager/trace.h"
+#include "memmanager/usage.h"
 
 #include <memmanager/platform.h>
 #include <cstring>
@@ -11,8 +12,6 @@ namespace memm::strings {
 namespace {
 
 constexpr std::size_t kShownText = 47;
-
-u32 percent(u64 part, u64 whole) noexcept { return whole == 0 ? 0 : static_cast<u32>(part * 100 / whole); }
 
 u32 average(u32 total, u32 count) noexcept { return count == 0 ? 0 : total / count; }
 
@@ -68,8 +67,8 @@ void print_summary(const TextPool &pool, memm_printf_fn print) noexcept
     for (u32 i = 0; i < pool.bufcnt && pool.gccnt != 0; ++i) {
         const u32(&ran)[kReasons] = pool.gcreason[i];
         print(" %16s %d, %s %3d%%/%3d%%/%3d%%\r\n", "- string buffer", static_cast<int>(i + 1),
-              "gc reason ctx_balance/ctx_depleted/buffer_full:", static_cast<int>(percent(ran[0], pool.gccnt)),
-              static_cast<int>(percent(ran[1], pool.gccnt)), static_cast<int>(percent(ran[2], pool.gccnt)));
+              "gc reason ctx_balance/ctx_depleted/buffer_full:", percentage(ran[0], pool.gccnt),
+              percentage(ran[1], pool.gccnt), percentage(ran[2], pool.gccnt));
     }
 }
 
@@ -83,8 +82,8 @@ void print_buffer(const TextPool &pool, u32 i, memm_printf_fn print) noexcept
     print("\r\n  %s%13s %d, %12s %6d,%6d   %6d,%6d,%6d  ( %3d%%)   curr:%3d%% - %d", i == pool.curbuf ? "->" : "- ",
           "string buffer", static_cast<int>(i + 1), "# used/del:", static_cast<int>(listed - pool.bufdelcnt[i]),
           static_cast<int>(pool.bufdelcnt[i]), static_cast<int>(live), static_cast<int>(pool.peak[i]),
-          static_cast<int>(pool.bufsize), static_cast<int>(percent(pool.peak[i], pool.bufsize)),
-          static_cast<int>(percent(live, pool.bufsize)), static_cast<int>(pool.cnt[i]));
+          static_cast<int>(pool.bufsize), percentage(pool.peak[i], pool.bufsize), percentage(live, pool.bufsize),
+          static_cast<int>(pool.cnt[i]));
 }
 
 void print_detail(const TextPool &pool, int *live, int *peak, int *capacity, memm_printf_fn print) noexcept
@@ -94,17 +93,11 @@ void print_detail(const TextPool &pool, int *live, int *peak, int *capacity, mem
     const u32 all_bytes = pool.bufsize * pool.bufcnt;
     print("\r\n  - %d %-19s %7s %13d   %6d,%6d,%6d  (%s%3d%%)   curr:%3d%%", static_cast<int>(pool.bufcnt), "buffers",
           "gc cnt:", static_cast<int>(pool.gccnt), static_cast<int>(live_bytes), static_cast<int>(pool.peakbytes),
-          static_cast<int>(all_bytes), failed ? ">" : " ",
-          static_cast<int>(failed ? 100 : percent(pool.peakbytes, all_bytes)),
-          static_cast<int>(percent(live_bytes, all_bytes)));
-    const auto add_to = [](int *total, u32 bytes) {
-        if (total != nullptr) {
-            *total = static_cast<int>(static_cast<u32>(*total) + bytes);
-        }
-    };
-    add_to(live, live_bytes);
-    add_to(peak, pool.peakbytes);
-    add_to(capacity, all_bytes);
+          static_cast<int>(all_bytes), failed ? ">" : " ", failed ? 100 : percentage(pool.peakbytes, all_bytes),
+          percentage(live_bytes, all_bytes));
+    add_to(live, static_cast<int>(live_bytes));
+    add_to(peak, static_cast<int>(pool.peakbytes));
+    add_to(capacity, static_cast<int>(all_bytes));
     for (u32 i = 0; i < pool.bufcnt; ++i) {
         print_buffer(pool, i, print);
     }

@@ -8,15 +8,12 @@
 
 namespace memm {
 
-// Memory for good. The platform's failure code passes through; no block, one that is not aligned for objects, or more
-// bytes than the platform can be asked for is a failure too.
-inline Result get_block(const char *label, u64 bytes, unsigned char *&block) noexcept
+// Memory for good. The platform's failure code passes through; no block, or one that is not aligned for objects, is a
+// failure too.
+inline Result get_block(const char *label, u32 bytes, unsigned char *&block) noexcept
 {
     void *memory = nullptr;
-    if (bytes > 0xffffffffU) {
-        return Result::no_memory;
-    }
-    if (const unsigned code = xm_alloc(label, 1, static_cast<unsigned>(bytes), &memory); code != 0) {
+    if (const unsigned code = xm_alloc(label, 1, bytes, &memory); code != 0) {
         return Result{code};
     }
     if (memory == nullptr || reinterpret_cast<std::uintptr_t>(memory) % sizeof(memm_word) != 0) {

@@ -111,18 +111,18 @@ SlotIndex *make_index(u32 slots) noexcept
     if (slots <= SlotIndex::kWorthwhile) {
         return nullptr;
     }
-    const u64 bytes = SlotIndex::bytes_for(slots);
+    const u32 bytes = SlotIndex::bytes_for(slots);
     unsigned char *block = nullptr;
     if (get_block("MEMM", bytes, block) != Result::ok) {
         return nullptr;
     }
-    std::memset(block, 0, static_cast<std::size_t>(bytes));
+    std::memset(block, 0, bytes);
     return SlotIndex::make(block, slots);
 }
 
 struct Size {
     u32 slot;   // bytes per slot; the object's own size when there can be no such pool
-    u64 block;  // bytes to ask for; 0 when there can be no such pool
+    u32 block;  // bytes to ask for; 0 when there can be no such pool
 };
 
 Size size_of(int count, int object_size) noexcept
@@ -135,7 +135,7 @@ Size size_of(int count, int object_size) noexcept
     if (slot > 0x7fffffff || block > 0xffffffff) {
         return {static_cast<u32>(object_size), 0};
     }
-    return {static_cast<u32>(slot), block};
+    return {static_cast<u32>(slot), static_cast<u32>(block)};
 }
 
 void set_options(memm_pooloptions &own, const memm_pooloptions &given) noexcept

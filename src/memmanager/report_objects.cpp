@@ -1,5 +1,5 @@
-#include "memmanager/percent.h"
 #include "memmanager/report.h"
+#include "memmanager/usage.h"
 #include "memmanager/walk.h"
 
 #include <memmanager/platform.h>

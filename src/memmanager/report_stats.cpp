@@ -1,7 +1,7 @@
 #include "memmanager/module.h"
-#include "memmanager/percent.h"
 #include "memmanager/pool.h"
 #include "memmanager/report.h"
+#include "memmanager/usage.h"
 
 #include <memmanager/platform.h>
 
@@ -15,17 +15,13 @@ constexpr int kHighestRefs = static_cast<int>(ObjectHeader::kMaxExtraRefs);
 struct Usage {
     int current = 0, highest = 0, available = 0;
 
-    // Callbacks of pools whose objects hold memory elsewhere add it to the totals, so these may be anything.
     void add(const Usage &more) noexcept
     {
-        current = sum(current, more.current);
-        highest = sum(highest, more.highest);
-        available = sum(available, more.available);
+        add_to(&current, more.current);
+        add_to(&highest, more.highest);
+        add_to(&available, more.available);
     }
     int percent() const noexcept { return percentage(highest, available); }
-
-private:
-    static int sum(int a, int b) noexcept { return static_cast<int>(static_cast<u32>(a) + static_cast<u32>(b)); }
 };
 
 Usage objects_of(const Pool &pool) noexcept

@@ -14,15 +14,15 @@ constexpr u32 words_for(u32 bits, unsigned per_word) noexcept
 
 }  // namespace
 
-u64 SlotIndex::bytes_for(u32 slots) noexcept
+u32 SlotIndex::bytes_for(u32 slots) noexcept
 {
-    u64 total = 0;
+    u32 total = 0;
     u32 words = slots;
     for (unsigned level = 0; level < kFullLevels || words > 1; ++level) {
         words = words_for(words, kBits);
-        total += u64{level == 0 || level >= kFullLevels ? 1U : 2U} * words;
+        total += (level == 0 || level >= kFullLevels ? 1 : 2) * words;
     }
-    return sizeof(SlotIndex) + total * sizeof(Word);
+    return static_cast<u32>(sizeof(SlotIndex) + total * sizeof(Word));
 }
 
 SlotIndex *SlotIndex::make(void *block, u32 slots) noexcept

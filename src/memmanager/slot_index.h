@@ -29,7 +29,7 @@ public:
     // Small pools are searched slot by slot as fast.
     static constexpr u32 kWorthwhile = 256;
 
-    static u64 bytes_for(u32 slots) noexcept;
+    static u32 bytes_for(u32 slots) noexcept;
     // In a block of bytes_for() zero bytes. All slots are free.
     static SlotIndex *make(void *block, u32 slots) noexcept;
 

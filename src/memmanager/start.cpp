@@ -51,13 +51,16 @@ void describe_table(unsigned char *table, u32 pools) noexcept
     pool.options.print_cb = print_descriptor;
 }
 
+// The table of the most pools that there can be is one block.
+static_assert(u64{kDescriptorBytes} * Registry::kMaxPools + kBlockLead <= 0xffffffff);
+
 Result start(u32 pools, int parameter) noexcept
 {
     if (const int code = lock_initlock(&manager_record, "MEMM"); code != 0) {
         return Result{static_cast<unsigned>(code)};
     }
     unsigned char *block = nullptr;
-    if (const Result got = get_block("MEMM", u64{kDescriptorBytes} * pools + kBlockLead, block); got != Result::ok) {
+    if (const Result got = get_block("MEMM", kDescriptorBytes * pools + kBlockLead, block); got != Result::ok) {
         return got;
     }
     unsigned char *const table = block + kBlockLead;
