@@ -49,8 +49,7 @@ TEST(data_reports, show_areas_and_bytes_to_the_last_character)
     const std::string row = text(" r_data                         4,     4,     4   %6d,%6d,%6d", used, used, used),
                       report = recorder().take_debug();
     EXPECT_NE(report.find(row + "  ( 100%)       0,    0,    -  \r\n" + area), report.npos) << report;
-    EXPECT_NE(report.find(text("Total usage%44d,%6d,%6d  (", used + 81, used + 150, used + 200)), report.npos)
-        << report;
+    EXPECT_NE(report.find(text("Total usage%44d,%6d,%6d  (", used + 81, used + 150, used + 200)), report.npos);
     const std::string shown[] = {"0, data=''", "3, data='a'", "48, data='" + l.substr(1) + "...'",
                                  "30, data='" + e + "'"};
     std::string expected = "r_data....................usage cur/max/avail (max.%): 4/4/4 (100%)\r\n" + area;

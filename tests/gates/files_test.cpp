@@ -45,7 +45,7 @@ void limit_file_size(rlim_t bytes)
 }
 
 const Obstacle kObstacles[] = {
-    {"nothing", [](auto &, auto &) {}},
+    {"no orders", [](auto &folder, auto &) { fs::create_directory(folder.path("/etc/config/memm_dump_pools")); }},
     {"own file, longer",
      [](auto &, auto &path) { write_file(path, std::string(20000, 'x')), fs::permissions(path, fs::perms(0600)); }},
     {"symbolic link", [](auto &folder, auto &path) { fs::create_symlink(folder.path("/victim"), path); }},

@@ -19,6 +19,7 @@ TEST(bad_input, harms_nothing_in_any_parameter_of_any_function)
         bool is_bad = true;
         for (std::size_t parameter = 0; parameter < call.parameters; ++parameter)
             for (std::size_t n = 0; n == 0 || is_bad; ++n) {
+                memm_set_trace(static_cast<int>(n % 3));
                 is_bad = call.run_with_bad(world, parameter, n / rounds);
                 world.sweep();
                 recorder().forget();

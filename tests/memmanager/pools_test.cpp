@@ -44,14 +44,18 @@ TEST(pools, that_cannot_be_made_leave_nothing_but_a_trace)
     EXPECT_EQ(recorder().take_allocations(), "");
     recorder().fail_nth(Op::alloc, 1);
     EXPECT_EQ(memm_initpool("bare", 4, 8, nullptr), -1);
-    make_pool("bare", 4);  // the name is not taken
+    const auto bare = static_cast<unsigned>(pool_at(0).max_count - 1);
+    void *const object = memm_calloc(make_pool("bare", 4));  // the name is not taken
+    header_of(object) = bare;
+    EXPECT_TRUE(memm_getindex(object) == 0 && memm_getnext(object) == nullptr && memm_getfirst(bare) == nullptr &&
+                memm_getobject_byindex(bare, 0) == nullptr && memm_calloc(bare) == nullptr);
     recorder().forget();
 }
 
 TEST(pools, are_laid_out_as_documented_and_answer_by_object_and_by_id)
 {
     make_pool("first", 1);
-    for (const unsigned size : {1U, 5U, 12U, 13U, 40U, 64U, 100U, 4000U})
+    for (const unsigned size : {1U, 5U, 12U, 13U, 40U, 64U, 100U, 120U, 4000U})
         for (const unsigned slots : {1U, 256U, 257U}) {
             recorder().forget();
             const unsigned id = make_pool("", static_cast<int>(slots), static_cast<int>(size));

@@ -195,6 +195,7 @@ TEST(locks, count_holds_and_wait_as_long_as_it_takes)
     const std::tuple<std::vector<int>, const char *, int, std::string> attempts[] = {
         {{6, 6, 6, 0}, "BUS", 1, timed_out + timed_out},
         {{6, 6, 0}, "other", 2, ""},
+        {{6, 77}, "other", 0, ""},
         {{6, 77}, nullptr, 0, "mutex lock error (busy)"}};
     recorder().clock_us = 100999999, recorder().clock_step_us = 1500;  // two readings a wait
     for (const auto &[answers, filter, result, traced] : attempts) {
@@ -217,15 +218,15 @@ TEST(locks, table_shows_and_clears_the_records)
     lock_initlock(&idle, "idle"), lock_initlock(&held, "a name of more than thirteen");
     lock_initlock(&unnamed, nullptr);
     lock_lock(&held, 0, "x");
-    held.total_wait = 8, held.wait_count = 5, held.max_wait = 1500;  // 1.6 us each
-    unnamed.wait_count = 3000000000U, unnamed.max_wait = 4294966000U;
+    held.total_wait = 375, held.wait_count = 2, held.max_wait = 1500;  // 187.5 us each
+    unnamed.wait_count = 2500000000U, unnamed.max_wait = 4294966000U;
     unnamed.lock_count = unnamed.total_wait = 4294967295U;
     EXPECT_EQ(printed(lock_print_allstats), lines(R"(
  name          depth  active lock count wait count total (msec)   avg (msec)   max (msec) |
  ----          -----  ------ ---------- ---------- ------------   ----------   ---------- |
  idle              0                  0          0            -            -            -|
- a name of more than thirteen     1    ----          1          5        0.008        0.002        1.500 |
- -unknown-         0         4294967295 3000000000  4294967.500        0.001  4294966.000 |
+ a name of more than thirteen     1    ----          1          2        0.375        0.188        1.500 |
+ -unknown-         0         4294967295 2500000000  4294967.500        0.002  4294966.000 |
 |
 )"));
     lock_clear_allstats();

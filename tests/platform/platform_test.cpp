@@ -149,22 +149,18 @@ TEST(words, are_read_and_written_where_that_harms_nobody)
         mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     mprotect(reinterpret_cast<void *>(at + page), page, PROT_READ);
     mprotect(reinterpret_cast<void *>(at + 2 * page), page, PROT_NONE);
+    const std::uintptr_t writable[] = {at, at + 9, at + 6}, readable[] = {at + page},
+                         neither[] = {at + 2 * page - 2, at + 2 * page, 0, 4, UINTPTR_MAX - 1};
     for (std::uint32_t value = 7; value < 9; ++value) {
-        for (const auto &[address, readable, writable] : {std::tuple{at, true, true},
-                                                          {at + 9, true, true},
-                                                          {at + 6, true, true},
-                                                          {at + page, true, false},
-                                                          {at + 2 * page - 2, false, false},
-                                                          {at + 2 * page, false, false},
-                                                          {std::uintptr_t{0}, false, false},
-                                                          {std::uintptr_t{4}, false, false},
-                                                          {UINTPTR_MAX - 1, false, false}}) {
-            std::uint32_t word = 1;
-            errno = 5;
-            EXPECT_EQ(memm::write_word(address, value), writable) << address;
-            EXPECT_TRUE(memm::read_word(address, word) == readable && errno == 5) << address;
-            EXPECT_TRUE(!readable || word == (writable ? value : 0)) << address;
-        }
+        std::uint32_t word = 1;
+        errno = 5;
+        for (const std::uintptr_t address : writable)
+            EXPECT_TRUE(memm::write_word(address, value) && memm::read_word(address, word) && word == value);
+        for (const std::uintptr_t address : readable)
+            EXPECT_TRUE(!memm::write_word(address, value) && memm::read_word(address, word) && word == 0);
+        for (const std::uintptr_t address : neither)
+            EXPECT_FALSE(memm::write_word(address, value) || memm::read_word(address, word)) << address;
+        EXPECT_EQ(errno, 5);
         prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
     }
 }

@@ -23,17 +23,10 @@ int capture_debug(const char *format, va_list arguments)
     return 0;
 }
 
-// Counts a call and asks what it is to do.
-int fault_of_next(Op op)
-{
-    ++recorder().calls_[static_cast<std::size_t>(op)];
-    return fault_of(op);
-}
-
 // A block has exactly the size, for the address sanitizer.
 unsigned get_block(Op op, unsigned size, void **block)
 {
-    const int code = size > recorder().largest_block ? 12 : fault_of_next(op);
+    const int code = size > recorder().largest_block ? 12 : fault_of(op);
     *block = code == kNullBlock ? nullptr : *block;
     if (code > 0 || code == kNullBlock)
         return static_cast<unsigned>(std::max(code, 0));
@@ -98,7 +91,7 @@ unsigned xm_getmem(unsigned size, void **block) { return get_block(Op::getmem, s
 
 unsigned xm_retmem(void *block)
 {
-    const int code = fault_of_next(Op::retmem);
+    const int code = fault_of(Op::retmem);
     const std::lock_guard guard(recorder().mutex_);
     EXPECT_TRUE(recorder().outside_.erase(block) != 0 || block == nullptr)
         << "xm_retmem of a block that xm_getmem did not give, or that was given back before";
@@ -109,12 +102,12 @@ unsigned xm_retmem(void *block)
 unsigned xmu_create(const char *, int, unsigned *handle)
 {
     *handle = mutex_count++;
-    return static_cast<unsigned>(fault_of_next(Op::create));
+    return static_cast<unsigned>(fault_of(Op::create));
 }
 
 unsigned xmu_p(unsigned handle, int mode, int timeout)
 {
-    if (const int code = fault_of_next(Op::take); code != 0)
+    if (const int code = fault_of(Op::take); code != 0)
         return static_cast<unsigned>(code);
     memm::FutexLock &lock = mutexes[handle % std::size(mutexes)];
     return (mode == 1 ? lock.try_take() : lock.take_for(timeout)) ? 0 : 6;

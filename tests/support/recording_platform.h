@@ -26,9 +26,8 @@ public:
     {
         fault = [=, number = 0U](Op asked) mutable { return asked == op && ++number == n ? code : 0; };
     }
-    unsigned calls(Op op) { return calls_[static_cast<std::size_t>(op)]; }  // all in this process
-    std::size_t outside_blocks() const { return outside_.size(); }          // from xm_getmem and not given back
-    unsigned largest_block = ~0U;                                           // more is refused
+    std::size_t outside_blocks() const { return outside_.size(); }  // from xm_getmem and not given back
+    unsigned largest_block = ~0U;                                   // more is refused
 
     // Microseconds; each reading is a step later than the one before.
     std::atomic<unsigned long long> clock_us{1000000000}, clock_step_us{1};
@@ -44,7 +43,6 @@ public:
     std::mutex mutex_;
     std::string debug_, trace_, errors_, tags_, allocations_;
     std::set<void *> inside_, outside_;  // blocks of xm_alloc, for ever, and of xm_getmem
-    std::atomic<unsigned> calls_[16]{};
     std::atomic<unsigned> depth_{0};
 
 private:
