@@ -28,7 +28,8 @@ int main(void)
         strpair *pair = strpair_fromstring(dynstr_strncpy(text, option, sizeof text), "=", nodes, strings);
         strpairlist_addstringpair(&values, pair, nodes); /* the list owns the pair now */
     }
-    dbg_printf("data is %s\n", strpairlist_getsecondstring_byfirststring(values, "data"));
+    dbg_printf("data is %s, rw \"%s\"\n", strpairlist_getsecondstring_byfirststring(values, "data"),
+               strpairlist_getsecondstring_byfirststring(values, "rw"));
 
     memm_free(line);
     llist_free_plist(&chosen);

@@ -167,8 +167,8 @@ unsigned dynstr_getulong(const dynstr *d, unsigned *value);
 unsigned dynstr_getlong(const dynstr *d, int *value);
 /** 0 when there is no text, or it begins with '0' or 'f'; else 1. Nothing else is looked at: "no" and "FALSE" are 1. */
 unsigned dynstr_getbool(const dynstr *d, unsigned *value);
-/** An IPv4 address, in all forms that inet_aton() takes, in network byte order. An empty text, which only
- *  dynstr_sprintf() makes, is the address 0. */
+/** An IPv4 address, in all forms that inet_aton() takes, in network byte order. An empty text that has its zero, as
+ *  dynstr_sprintf() makes it, is the address 0. */
 unsigned dynstr_getipaddr(const dynstr *d, unsigned *address);
 /** A MAC address: six bytes from 12 hexadecimal digits, or from 17 characters with anything between the pairs. */
 unsigned dynstr_getmacaddr(const dynstr *d, unsigned char *mac);

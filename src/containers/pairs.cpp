@@ -19,18 +19,20 @@ Node *make_pair(Held held, const char *first, const char *second, int poolid, in
     return pair;
 }
 
-// Deliberate: every zero that the split has left in the text becomes the first delimiter, whichever stood there.
+// Deliberate: the delimiter that ended the first part becomes the first of them, whichever stood there.
 Node *split_pair(Held held, char *text, const char *delimiters, int poolid, int strpool) noexcept
 {
-    const std::size_t length = std::strlen(text);
-    char *rest = nullptr;
-    const char *const token = strtok_r(text, delimiters, &rest);
-    Node *const pair = token == nullptr ? nullptr : make_pair(held, token, rest, poolid, strpool);
-    for (char *zero = text; zero < text + length; ++zero) {
-        if (*zero == '\0') {
-            *zero = *delimiters;
-        }
+    char *const first = text + std::strspn(text, delimiters);
+    char *const end = first + std::strcspn(first, delimiters);
+    if (first == end) {
+        return nullptr;
     }
+    if (*end == '\0') {
+        return make_pair(held, first, "", poolid, strpool);
+    }
+    *end = '\0';
+    Node *const pair = make_pair(held, first, end + 1, poolid, strpool);
+    *end = *delimiters;
     return pair;
 }
 

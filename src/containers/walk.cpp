@@ -36,20 +36,23 @@ Node *holder_of(Node *node, const void *object) noexcept
 }
 
 // The object after the cursor's. Where that has left the list, the walk resumes by position: the objects that are there
-// now are counted from the front.
-template <typename Kind> Node *next_after(Node *list, void *cursor, int returned, Kind is_of_kind) noexcept
+// now are counted from the front; from a position that none has it does not get away.
+template <typename Kind> void *next_after(Node *list, void *cursor, int returned, Kind is_of_kind) noexcept
 {
     if (returned == 0) {
-        return first_of(list, is_of_kind);
+        return object_of(first_of(list, is_of_kind));
     }
     if (Node *const last = holder_of(list, cursor); last != nullptr) {
-        return second_of(last, is_of_kind);
+        return object_of(second_of(last, is_of_kind));
     }
-    Node *node = returned > 0 ? first_of(list, is_of_kind) : nullptr;
+    if (returned < 0) {
+        return cursor;
+    }
+    Node *node = first_of(list, is_of_kind);
     for (int left = returned; left > 0 && node != nullptr; --left) {
         node = second_of(node, is_of_kind);
     }
-    return node;
+    return object_of(node);
 }
 
 template <typename Kind> void *resume(Node *list, int *index, void **cursor, Kind is_of_kind) noexcept
@@ -57,7 +60,7 @@ template <typename Kind> void *resume(Node *list, int *index, void **cursor, Kin
     if (index == nullptr || cursor == nullptr || !is_node(list)) {
         return nullptr;
     }
-    *cursor = object_of(next_after(list, *cursor, *index, is_of_kind));
+    *cursor = next_after(list, *cursor, *index, is_of_kind);
     if (*cursor != nullptr) {
         ++*index;
     }

@@ -68,7 +68,7 @@ class BufferCheck {
             fault("\r\n  - E: next->prev != curr, ");
         }
         ++listed_;
-        if (info_of(record).buffer() != buffer_) {
+        if (!is_in_buffer(record, buffer_)) {
             fault("\r\n  - E: curr has wrong buffernr, ");
         }
         deleted_ += info_of(record).is_deleted() ? 1 : 0;

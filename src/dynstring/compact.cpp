@@ -107,10 +107,10 @@ class Compaction {
         if (next != nullptr && next->str < record.str) {
             trace_finding("[DYNSTR] loc_dynstr_gc dynstr->str sort error.\r\n");
         }
-        if (info_of(record).buffer() != buffer_) {
+        if (!is_in_buffer(record, buffer_)) {
             trace_finding("[DYNSTR] loc_dynstr_gc curr_dynstr has wrong buffernr.\r\n");
         }
-        if (next != nullptr && info_of(*next).buffer() != buffer_) {
+        if (next != nullptr && !is_in_buffer(*next, buffer_)) {
             trace_finding("[DYNSTR] loc_dynstr_gc next_dynstr has wrong buffernr.\r\n");
         }
         check_end(record.str, size_of(record));
@@ -197,7 +197,7 @@ class Compaction {
 
     bool is_next_at(const dynstr *next, const char *text) const noexcept
     {
-        return next == nullptr || (next->str == text && info_of(*next).buffer() == buffer_);
+        return next == nullptr || (next->str == text && info_of(*next).lies_in(buffer_));
     }
 
     // Passes the records from this one on about which check() has nothing to say: their texts lie side by side, a zero
@@ -207,7 +207,7 @@ class Compaction {
         const char *const start = record->str;
         const char *end = start;
         u32 count = 0;
-        if (info_of(*record).buffer() != buffer_) {
+        if (!is_in_buffer(*record, buffer_)) {
             return record;
         }
         while (record != nullptr && count < kStretch) {
@@ -223,7 +223,7 @@ class Compaction {
             pass(*record, info);
             record = next;
         }
-        if (count_zeros(start, end) != count) {
+        if (is_traced(1) && count_zeros(start, end) != count) {
             check_ends(start, count);
         }
         return record;

@@ -122,7 +122,11 @@ unsigned dynstr_sethexstring(dynstr *d, const unsigned char *bytes, int count)
 {
     const ManagerLock lock("dynstr_sethexstring");
     TextPool *const pool = changeable(d);
-    return to_c(pool == nullptr ? Result::invalid : write_hex(lock.held(), *pool, *d, bytes, count));
+    if (pool == nullptr) {
+        return to_c(Result::invalid);
+    }
+    Rewrite rewrite(lock.held(), *pool, *d);
+    return to_c(rewrite.set_aside() ? write_hex(rewrite, bytes, count) : Result::no_memory);
 }
 
 dynstr *dynstr_fromulong(unsigned poolid, unsigned value) { return create_printed(poolid, number_text(value).view()); }

@@ -97,8 +97,7 @@ Addition measure(const dynstr &record, u64 text_length, u64 claimed) noexcept
 // The address alone does not tell: the end of a full buffer may be the start of the next one.
 bool ends_current_buffer(const TextPool &pool, const dynstr &record) noexcept
 {
-    return is_in_buffer(record) && info_of(record).buffer() == pool.curbuf &&
-           record.str + size_of(record) == pool.fill_position();
+    return is_in_buffer(record, pool.curbuf) && record.str + size_of(record) == pool.fill_position();
 }
 
 void write_behind(char *text, const Addition &addition, const char *source) noexcept

@@ -138,12 +138,8 @@ void write_digits(char *text, const unsigned char *bytes, u64 count) noexcept
 }  // namespace
 
 // A limit cuts whole bytes, never half of one.
-Result write_hex(Held held, TextPool &pool, dynstr &record, const unsigned char *bytes, int count) noexcept
+Result write_hex(Rewrite &rewrite, const unsigned char *bytes, int count) noexcept
 {
-    Rewrite rewrite(held, pool, record);
-    if (!rewrite.set_aside()) {
-        return Result::no_memory;
-    }
     if (bytes != nullptr && count > 0) {
         u64 size = u64{2} * static_cast<u32>(count) + 1;
         if (const u64 max = rewrite.max_size(); max != 0 && max < size) {
@@ -261,7 +257,8 @@ dynstr *dynstr_hexstringfromdata(unsigned poolid, const unsigned char *bytes, in
 {
     TextPool *const pool = pool_for("dynstr_hexstringfromdata", poolid);
     return pool == nullptr ? nullptr : create_by("dynstr_hexstringfromdata", *pool, [&](Held held, dynstr &record) {
-        return write_hex(held, *pool, record, bytes, count);
+        Rewrite rewrite(held, *pool, record);  // of a new string: there is no old text to set aside
+        return write_hex(rewrite, bytes, count);
     });
 }
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "dynstring/text_pool.h"
+#include "dynstring/place.h"
 
 #include <cstdarg>
 #include <string_view>
@@ -13,8 +13,8 @@ Result print_to(Held, TextPool &pool, dynstr &record, const char *format, std::v
 // The same for a text that stands ready.
 Result place_text(Held, TextPool &pool, dynstr &record, std::string_view text) noexcept;
 
-// The record's text becomes the bytes in hexadecimal.
-Result write_hex(Held, TextPool &pool, dynstr &record, const unsigned char *bytes, int count) noexcept;
+// The text becomes the bytes in hexadecimal. To be called when the old one is set aside, where there is one.
+Result write_hex(Rewrite &rewrite, const unsigned char *bytes, int count) noexcept;
 
 // dynstr_sprintf() and dynstr_fromprintf() of a text that stands ready: their checks, lock and messages included.
 Result set_printed(dynstr *d, std::string_view text) noexcept;

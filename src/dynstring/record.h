@@ -32,6 +32,7 @@ class StringInfo {
 
     static constexpr u32 kNotPlain = Literal::put(0, 1) | Deleted::put(0, 1) | Long::put(0, 1);
     static constexpr u32 kForm = kNotPlain | Buffer::put(0, 3);
+    static constexpr u32 kPlace = Literal::put(0, 1) | Buffer::put(0, 3);
 
     u32 word_;
 
@@ -46,6 +47,8 @@ public:
     constexpr bool is_plain() const noexcept { return (word_ & kNotPlain) == 0; }
     constexpr u32 buffer() const noexcept { return Buffer::get(word_); }
     constexpr bool is_plain_in(u32 buffer) const noexcept { return (word_ & kForm) == Buffer::put(0, buffer); }
+    // Of a text.
+    constexpr bool lies_in(u32 buffer) const noexcept { return (word_ & kPlace) == Buffer::put(0, buffer); }
     constexpr u32 size() const noexcept { return is_long() ? LongSize::get(word_) : ShortSize::get(word_); }
     constexpr u32 max_size() const noexcept { return is_long() ? 0 : MaxSize::get(word_); }
 
@@ -103,6 +106,11 @@ inline void set_literal(dynstr &record, bool on) noexcept { set_info(record, inf
 inline bool is_in_buffer(const dynstr &record) noexcept
 {
     return record.str != nullptr && !info_of(record).is_literal();
+}
+
+inline bool is_in_buffer(const dynstr &record, u32 buffer) noexcept
+{
+    return record.str != nullptr && info_of(record).lies_in(buffer);
 }
 
 }  // namespace memm::strings

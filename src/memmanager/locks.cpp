@@ -94,14 +94,26 @@ public:
 
 constinit TraceSwitch trace_switch;
 
-void trace_timeout(const LOCK &lock, const char *tag) noexcept
+// The calling task. What the platform cannot tell stays as it was.
+class Task {
+    static constexpr std::size_t kNameLength = 4;
+
+    char name_[32] = "----";  // more room than any platform's names need
+    int id_ = kNoTask;
+
+public:
+    const char *name() noexcept
+    {
+        vemo_t_ident(0, 0, &id_);
+        xt_getname(id_, name_);
+        name_[kNameLength] = '\0';
+        return name_;
+    }
+};
+
+void trace_timeout(const LOCK &lock, Task &task, const char *tag) noexcept
 {
-    constexpr std::size_t kNameLength = 4;
-    char name[32] = "----";  // more room than any platform's names need
-    int task = kNoTask;
-    vemo_t_ident(0, 0, &task);
-    xt_getname(task, name);
-    name[kNameLength] = '\0';
+    const char *const name = task.name();
     if (trace_switch.lets_pass(lock.name, 2)) {
         trc_def_printf("[%s] --- Task[%s](%s) --- Lock timeout. Active Task[%s]. Retrying...\r\n", known(lock.name),
                        name, known(tag), lock.owner_name);
@@ -135,11 +147,12 @@ int take(LOCK &lock, const char *tag) noexcept
     if (xmu_p(lock.mutex, kTry, 0) == 0) {
         return count_hold(lock);
     }
+    Task task;
     timestat waiting{};
     start(waiting);
     unsigned result = xmu_p(lock.mutex, kWait, kPatienceMs);
     while (result == kMutexTimedOut) {  // for as long as it takes
-        trace_timeout(lock, tag);
+        trace_timeout(lock, task, tag);
         result = xmu_p(lock.mutex, kWait, kPatienceMs);
     }
     if (result != 0) {

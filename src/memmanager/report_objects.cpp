@@ -14,9 +14,20 @@ constexpr int kOnlyTagged = 2;  // a bit of the level; without it only untagged 
 
 unsigned long address_of(const void *object) noexcept { return reinterpret_cast<unsigned long>(object); }
 
-void print_identity(const Pool &pool, const void *object, ObjectHeader header) noexcept
+// Answers the pool of an object; null for what is none, going by its header.
+const Pool *print_identity(const void *object) noexcept
 {
-    dbg_printf("%d.%s.%d.0x%08lx", static_cast<int>(to_index(id_of(pool))), pool.name, slot_number(pool, object),
+    if (object == nullptr) {
+        dbg_printf("0x0: null");
+        return nullptr;
+    }
+    const Pool *const pool = pool_containing(object);
+    if (pool == nullptr) {
+        dbg_printf("?.?.?.0x%08lx: invalid object", address_of(object));
+        return nullptr;
+    }
+    const ObjectHeader header = header_of(object);
+    dbg_printf("%d.%s.%d.0x%08lx", static_cast<int>(to_index(id_of(*pool))), pool->name, slot_number(*pool, object),
                address_of(object));
     if (const u32 refs = header.extra_refs(); refs != 0) {
         dbg_printf(".[%d refs]", static_cast<int>(refs + 1));
@@ -24,6 +35,7 @@ void print_identity(const Pool &pool, const void *object, ObjectHeader header) n
     if (header.is_tagged()) {
         dbg_printf(".[tagged]");
     }
+    return pool;
 }
 
 void print_contents(const Pool &pool, void *object) noexcept
@@ -35,30 +47,22 @@ void print_contents(const Pool &pool, void *object) noexcept
 
 void print_any(Held, void *object, bool with_contents) noexcept
 {
-    if (object == nullptr) {
-        dbg_printf("0x0: null");
-    } else if (const Pool *const pool = pool_containing(object); pool == nullptr) {
-        dbg_printf("?.?.?.0x%08lx: invalid object", address_of(object));
-    } else {
-        print_identity(*pool, object, header_of(object));
-        if (with_contents) {
-            print_contents(*pool, object);
-        }
+    if (const Pool *const pool = print_identity(object); pool != nullptr && with_contents) {
+        print_contents(*pool, object);
     }
 }
 
 void print_line(const Pool &pool, unsigned char *slot, int level) noexcept
 {
-    const ObjectHeader header = ObjectHeader::of_slot(slot);
     void *const object = object_in(slot);
-    if (header.is_tagged() != ((level & kOnlyTagged) != 0)) {
+    if (ObjectHeader::of_slot(slot).is_tagged() != ((level & kOnlyTagged) != 0)) {
         return;
     }
     if (pool.options.filter_cb != nullptr && pool.options.filter_cb(object, level) == 0) {
         return;
     }
     dbg_printf(" ");
-    print_identity(pool, object, header);
+    print_identity(object);
     print_contents(pool, object);
     dbg_printf("\r\n");
 }

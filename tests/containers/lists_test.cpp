@@ -63,6 +63,9 @@ TEST(lists, are_cloned_by_reference_and_shown_with_what_they_hold)
     void *const object = memm_calloc(objects);
     llist *list = nullptr, *copy = nullptr;
     llist_addobject(&list, object, nodes);
+    int index = -2;
+    void *cursor = &index;  // in no list
+    EXPECT_TRUE(llist_enum_bytype(list, objects, &index, &cursor) == &index && index == -1);
     EXPECT_EQ(llist_clone(&copy, static_cast<llist *>(object), nodes), unsigned{MEMM_E_INVALID});
     EXPECT_TRUE(llist_clone(&copy, list, nodes) == 0 && llist_clone(&list, list, nodes) == 0);
     EXPECT_EQ(std::tuple(llist_getlength(copy), llist_getlength(list), header_of(object)),

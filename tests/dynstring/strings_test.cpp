@@ -165,7 +165,7 @@ TEST(compaction, names_what_it_finds_wrong_and_goes_on)
                       records = "WARNING: loc_dynstr_gc fixed wrong total gc'd dynstr (9->2).\r\n";
     const std::pair<void (*)(dynstr &, TextPool &), std::string> faults[] = {
         {[](dynstr &, TextPool &) {}, ""},
-        {[](dynstr &d, TextPool &) { d.info ^= 1U << 27; },
+        {[](dynstr &d, TextPool &) { d.info ^= 1U << 31; },
          "loc_dynstr_gc next_dynstr has wrong buffernr.\r\nloc_dynstr_gc curr_dynstr has wrong buffernr.\r\n"},
         {[](dynstr &d, TextPool &) { d.str[1] = '\0'; }, "loc_dynstr_gc strlen+1 != dynstr_size.\r\n"},
         {[](dynstr &d, TextPool &) { d.str -= 8; },
@@ -195,7 +195,8 @@ TEST(compaction, names_what_it_finds_wrong_and_goes_on)
 TEST(integrity_check, names_every_fault)
 {
     const std::string order = "\r\n  - E: next->str >= curr->str, ", no_next = "\r\n  - E: !next && last != curr, ",
-                      literal = "\r\n  - E: literal pstr found, ";
+                      elsewhere = "\r\n  - E: curr has wrong buffernr, ",
+                      literal = elsewhere + "\r\n  - E: literal pstr found, ";
     const std::pair<void (*)(Damaged), std::string> cases[] = {
         {[](Damaged d) { d.pool.first[0] = nullptr; }, "\r\n  - E: buffer 0 has no first dynstr but has used bytes, "},
         {[](Damaged d) { d.pool.last[0] = nullptr; },
@@ -205,7 +206,7 @@ TEST(integrity_check, names_every_fault)
         {[](Damaged d) { d.one.info |= 2U << 16; }, "\r\n  - E: DYNSTR_MAXSIZE(2) < DYNSTR_SIZE(4), "},
         {[](Damaged d) { d.two.info += 5; }, "\r\n  - E: DYNSTR_SIZE(9) != strlen+1(4, 'two'), "},
         {[](Damaged d) { d.two.prev = nullptr; }, "\r\n  - E: next->prev != curr, "},
-        {[](Damaged d) { d.two.info |= 1U << 27; }, "\r\n  - E: curr has wrong buffernr, "},
+        {[](Damaged d) { d.two.info |= 1U << 27; }, elsewhere},
         {[](Damaged d) { d.two.info |= 1U << 31; }, literal},
         {[](Damaged d) { d.two.str = nullptr; }, order + "\r\n  - E: DYNSTR_SIZE(4) != strlen+1(0, ''), " + literal},
         {[](Damaged d) { d.one.next = nullptr; }, no_next},

@@ -83,6 +83,9 @@ l_a name of twenty-seven chusage cur/max/avail (max.%): 0/0/1 (0%)|
     EXPECT_EQ(printed(memm_print_objects, "l_pool").substr(head.size()),
               even + "\r\n[MEMM] ERROR: actual object count (3) differs from pool count (7)\r\n\r\n");
     EXPECT_EQ(printed(memm_printobject, objects[3], 0), names[3]);
+    header_of(objects[3]) ^= 1;  // overwritten
+    EXPECT_NE(printed(memm_print_objects2, "l_pool", 4).find(text("0x%08lx: invalid object = 3", address(objects[3]))),
+              std::string::npos);
     EXPECT_EQ(printed(memm_printobject, nullptr, 1), "0x0: null");
     for (void *const bad : {reinterpret_cast<void *>(5), objects[1]})
         EXPECT_EQ(printed(memm_printobject, bad, 1), text("?.?.?.0x%08lx: invalid object", address(bad)));
