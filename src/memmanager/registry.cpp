@@ -125,11 +125,9 @@ struct Size {
     u32 block;  // bytes to ask for; 0 when there can be no such pool
 };
 
+// Both are 1 at least.
 Size size_of(int count, int object_size) noexcept
 {
-    if (object_size < 1 || count < 1) {
-        return {static_cast<u32>(object_size), 0};
-    }
     const u64 slot = slot_bytes(static_cast<u32>(object_size));
     const u64 block = slot * static_cast<u32>(count) + kBlockLead;
     if (slot > 0x7fffffff || block > 0xffffffff) {

@@ -69,8 +69,10 @@ TEST(values, are_written_as_their_readers_want_them)
 {
     constexpr unsigned char kBytes[] = {0x01, 0xff, 0x2a, 0x00, 0xB2, 0x60};
     const unsigned id = make_strings();
-    dynstr *const dates[] = {make(id), make(id)}, *string = nullptr, *part = nullptr;
-    EXPECT_EQ(dynstr_setutcdatetime(dates[0], 0) + dynstr_setutcdatetime(dates[1], UINT_MAX), 0U);
+    dynstr *const dates[] = {make(id), make(id)}, *const cut = make(id, "", 8), *string = nullptr, *part = nullptr;
+    EXPECT_EQ(dynstr_setutcdatetime(dates[0], 0) + dynstr_setutcdatetime(dates[1], UINT_MAX) +
+                  dynstr_sethexstring(cut, kBytes, 5),
+              0U);
     EXPECT_STREQ(dynstr_fromprintf(id, "%ls", L"\x1234")->str, "") << "no such character";
     _dynstr_ex_fromprintf(id, &string, "%d %s", "file", 1, 7, "seven");
     _dynstr_ex_fromsubstring(id, &part, "abcd", 1, 2, "file", 1);
@@ -78,10 +80,10 @@ TEST(values, are_written_as_their_readers_want_them)
     for (dynstr *const made :
          {dates[0], dates[1], string, part, dynstr_fromulong(id, UINT_MAX), dynstr_fromlong(id, INT_MIN),
           dynstr_fromipaddr(id, inet_addr("1.2.3.4")), dynstr_frommacaddr(id, kBytes),
-          dynstr_hexstringfromdata(id, kBytes, 2), dynstr_hexstringfromdata(id, nullptr, 5)})
+          dynstr_hexstringfromdata(id, kBytes, 2), dynstr_hexstringfromdata(id, nullptr, 5), cut})
         written += dynstr_getstring(made) + std::string(";");
     EXPECT_EQ(written, "0001-01-01T00:00:00Z;2106-02-07T06:28:15Z;7 seven;bc;4294967295;-2147483648;1.2.3.4;"
-                       "01:ff:2a:00:b2:60;01ff;;");
+                       "01:ff:2a:00:b2:60;01ff;;01ff2a;");
 }
 
 TEST(string_reports, show_every_record_and_buffer)
