@@ -58,8 +58,8 @@ class FutexLock {
             return true;
         }
         std::uintptr_t free = kNobody;
-        while (!word_.compare_exchange_strong(free, task | free, std::memory_order_acquire,
-                                              std::memory_order_relaxed)) {
+        while (
+            !word_.compare_exchange_strong(free, task | free, std::memory_order_acquire, std::memory_order_relaxed)) {
             if (!owned_by(free, kNobody)) {
                 return false;
             }
