@@ -36,7 +36,7 @@ Node *holder_of(Node *node, const void *object) noexcept
 }
 
 // The object after the cursor's. Where that has left the list, the walk resumes by position: the objects that are there
-// now are counted from the front; from a position that none has it does not get away.
+// now are counted from the front; at a negative position, which none has, the cursor stays.
 template <typename Kind> void *next_after(Node *list, void *cursor, int returned, Kind is_of_kind) noexcept
 {
     if (returned == 0) {

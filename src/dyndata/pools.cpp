@@ -24,8 +24,10 @@ bool is_record(const void *cookie) noexcept
 
 void print_record(void *object)
 {
-    const char *name = static_cast<const Area *>(object)->name;
-    dbg_printf(" - '%s'", name == nullptr ? "(null)" : name);
+    if (object != nullptr) {
+        const char *name = static_cast<const Area *>(object)->name;
+        dbg_printf(" - '%s'", name == nullptr ? "(null)" : name);
+    }
 }
 
 void print_usage(void *cookie, int *current, int *highest, int *available, memm_printf_fn print)

@@ -70,7 +70,7 @@ TEST(data_pools, refuse_what_is_not_theirs_and_pools_that_lost_their_area)
     memm_pooloptions &hooks = pool_at(pool).options;
     void *const foreign = memm_calloc(make_pool("", 1)), *const area = hooks.cookie;
     EXPECT_TRUE(hooks.release_cb(foreign) == MEMM_E_INVALID && hooks.release_cb(nullptr) == MEMM_E_INVALID);
-    hooks.print_cb(foreign);
+    hooks.print_cb(foreign), pool_at(pool - 1).options.print_cb(nullptr);
     const std::string text = ": obj isn't a dyndata element\r\n";
     EXPECT_EQ(recorder().take_trace(), "[DYNDATA] loc_dyndata_free_ex" + text + "[DYNDATA] loc_dyndata_free_ex" + text +
                                            "[DYNDATA] loc_dyndata_printobject" + text);
