@@ -41,7 +41,7 @@ class FutexLock {
     static constexpr std::uintptr_t kNobody = 0;
     static constexpr std::uintptr_t kWaiters = 1;
 
-    std::atomic<std::uintptr_t> word_{0};
+    std::atomic<std::uintptr_t> word_{kNobody};
     std::atomic<std::uint32_t> extra_{0};
     std::atomic<bool> falling_asleep_{false};
 
@@ -92,7 +92,7 @@ public:
     {
         const std::uintptr_t task = me();
         const std::uintptr_t seen = word_.load(std::memory_order_relaxed);
-        if (seen == 0) [[likely]] {
+        if (seen == kNobody) [[likely]] {
             if (claim(task)) [[likely]] {
                 return;
             }
@@ -104,7 +104,7 @@ public:
     }
 
     // Takes a free lock that no waiter has marked.
-    bool take_free() noexcept { return word_.load(std::memory_order_relaxed) == 0 && claim(me()); }
+    bool take_free() noexcept { return word_.load(std::memory_order_relaxed) == kNobody && claim(me()); }
 
     bool try_take() noexcept
     {
@@ -159,12 +159,12 @@ public:
     {
         if (process_has_one_thread()) [[likely]] {
             std::atomic_signal_fence(std::memory_order_seq_cst);
-            word_.store(0, std::memory_order_relaxed);
+            word_.store(kNobody, std::memory_order_relaxed);
             std::atomic_signal_fence(std::memory_order_seq_cst);
             return true;
         }
         std::uintptr_t task = me();
-        return word_.compare_exchange_strong(task, 0, std::memory_order_seq_cst, std::memory_order_relaxed);
+        return word_.compare_exchange_strong(task, kNobody, std::memory_order_seq_cst, std::memory_order_relaxed);
     }
 };
 

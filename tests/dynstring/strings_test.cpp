@@ -129,8 +129,9 @@ TEST(string_pools, refuse_what_is_not_theirs_and_what_finds_no_record)
 {
     const unsigned pool = make_strings(400, 1, 3);
     dynstr *const string = make(pool, "text"), *const last = make(pool, "last");
-    while (memm_calloc_nolock_nogc(pool) != nullptr)
-        ;
+    void *last_record = nullptr;
+    while (void *const record = memm_calloc_nolock_nogc(pool))
+        last_record = record;
     const auto *const bytes = reinterpret_cast<const unsigned char *>("ab");
     for (const unsigned result :
          {dynstr_setstring(string, "n"), dynstr_setsubdynstr(string, last, 0, 1), dynstr_setulong(string, 1),
@@ -139,6 +140,7 @@ TEST(string_pools, refuse_what_is_not_theirs_and_what_finds_no_record)
         EXPECT_EQ(result, unsigned{MEMM_E_NO_MEMORY});
     EXPECT_STREQ(dynstr_getstring(string), "text");
     EXPECT_TRUE(dynstr_addstring(last, ".") == 0 && dynstr_strcmp2(last, "last.") == 0) << "needs no record";
+    EXPECT_TRUE(memm_free(last_record) == 0 && dynstr_hexstringfromdata(pool, bytes, 2) != nullptr) << "needs one";
 
     const memm_pooloptions hooks = hooks_of(pool);
     recorder().forget();
