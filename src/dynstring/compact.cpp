@@ -80,24 +80,33 @@ class Compaction {
     TextPool &pool_;
     const PoolAid &records_;
     const u32 buffer_;
-    dynstr *previous_;     // the last record that stays
-    u32 shift_ = 0;        // bytes of the deleted texts passed
-    char *run_ = nullptr;  // null behind a deleted text
-    u32 run_length_ = 0;
-    u32 moved_ = 0;  // bytes of the run that are in their place, or are going to be at the end of the stretch
-    char *end_;      // of the texts that are in their place
+    dynstr *previous_;         // the last record that stays
+    u32 shift_ = 0;            // bytes of the deleted texts passed
+    char *run_end_ = nullptr;  // where the run's next text ought to lie; null behind a deleted text
+    char *end_;                // of the texts that are in their place
     u32 freed_records_ = 0;
 
-    // A stretch: the records that were passed last, and what is left to do for them.
-    static constexpr u32 kStretch = 64;
     struct Move {
         char *from;
         u32 length;
         u32 down;
     };
+
+    // A stretch of records whose texts lie side by side, as far as it has been passed. Nobody else knows its address,
+    // so that it lives in registers; what is left to do at its end waits in the arrays.
+    struct Stretch {
+        char *text;  // the next one
+        char *run;   // its first text in this stretch; null behind a deleted one
+        dynstr *previous;
+        u32 shift;
+        u32 count = 0;
+        u32 moves = 0;
+        u32 released = 0;
+    };
+    static constexpr u32 kStretch = 64;
     u32 sizes_[kStretch];
     Move moves_[kStretch + 1];
-    u32 move_count_ = 0;
+    void *released_[kStretch];
 
     const char *used_end() const noexcept { return pool_.buf[buffer_] + pool_.used[buffer_]; }
 
@@ -116,116 +125,140 @@ class Compaction {
         check_end(record.str, size_of(record));
     }
 
-    void note_move() noexcept
+    // Most runs are short, and nobody foresees how short: copied as if all had the same length they need no call, and
+    // no branch that depends on theirs. What is copied too much ends where the run did before.
+    void move(const Move &move) noexcept
     {
-        if (run_length_ > moved_) {
-            moves_[move_count_++] = {run_ + moved_, run_length_ - moved_, shift_};
-            moved_ = run_length_;
+        constexpr u32 kShort = 208;
+        char *const to = move.from - move.down;
+        end_ = to + move.length;
+        const std::ptrdiff_t filled = used_end() - move.from;
+        if (move.length <= kShort && move.down >= kShort && filled >= std::ptrdiff_t{kShort}) [[likely]] {
+            std::memcpy(to, move.from, kShort);
+        } else {
+            std::memmove(to, move.from, move.length);
         }
     }
 
-    // Most runs are short: copied in blocks, they need no call. What is copied too much ends where the run did before.
-    void move(const Move &move) noexcept
+    void link(dynstr *previous, dynstr &record) noexcept
     {
-        constexpr std::ptrdiff_t kBlock = 32;
-        const char *from = move.from;
-        const char *const from_end = from + move.length;
-        char *to = move.from - move.down;
-        end_ = to + move.length;
-        if (move.down >= kBlock && move.length <= 8 * kBlock && used_end() - from_end >= kBlock) [[likely]] {
-            for (; from < from_end; from += kBlock, to += kBlock) {
-                std::memcpy(to, from, kBlock);
-            }
-        } else {
-            std::memmove(to, from, move.length);
-        }
+        (previous == nullptr ? pool_.first[buffer_] : previous->next) = &record;
+        record.prev = previous;
     }
 
     // Somebody added a reference after the last release: the record lives on without a text, and the last release
     // frees it.
+    static bool has_further_holders(dynstr &record) noexcept
+    {
+        return ObjectHeader::of_slot(slot_of(&record)).extra_refs() != 0;
+    }
+
     void give_back(dynstr &record) noexcept
     {
-        unsigned char *const slot = slot_of(&record);
         ++freed_records_;
-        if (ObjectHeader::of_slot(slot).extra_refs() == 0) {
-            if (!finish_release_at_once(held_, records_, slot)) {
-                finish_release(held_, records_, slot);
-            }
-        } else {
+        if (has_further_holders(record)) {
             set_size(record, 0);
             static_cast<void>(release(held_, &record));
+        } else {
+            finish_release(held_, records_, slot_of(&record));
         }
     }
 
-    bool ends_run_before(const char *text) const noexcept
+    void end_run_at(const char *text) noexcept
     {
-        return run_ == nullptr || static_cast<u32>(text - run_) == run_length_;
-    }
-
-    void pass(dynstr &record, StringInfo info) noexcept
-    {
-        if (info.is_deleted()) {
-            note_move();
-            run_ = nullptr;
-            shift_ += info.size();
-            give_back(record);
-            return;
+        if (run_end_ != nullptr && run_end_ != text) {
+            trace_finding("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.\r\n");
+            if (run_end_ < text) {
+                move({run_end_, static_cast<u32>(text - run_end_), shift_});
+            }
         }
-        if (run_ == nullptr) {
-            (previous_ == nullptr ? pool_.first[buffer_] : previous_->next) = &record;
-            record.prev = previous_;
-            run_ = record.str;
-            run_length_ = 0;
-            moved_ = 0;
-        }
-        run_length_ += info.size();
-        record.str -= shift_;
-        previous_ = &record;
+        run_end_ = nullptr;
     }
 
     // A record that is checked for itself. Its neighbour is left as it is.
     void pass_checked(dynstr &record) noexcept
     {
         check(record);
-        const StringInfo info = info_of(record);
-        if (info.is_deleted() && !ends_run_before(record.str)) {
-            trace_finding("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.\r\n");
-            run_length_ = static_cast<u32>(record.str - run_);
+        const u32 size = size_of(record);
+        if (info_of(record).is_deleted()) {
+            end_run_at(record.str);
+            shift_ += size;
+            give_back(record);
+            return;
         }
-        pass(record, info);
+        if (run_end_ == nullptr) {
+            link(previous_, record);
+            run_end_ = record.str;
+        }
+        move({run_end_, size, shift_});
+        run_end_ += size;
+        record.str -= shift_;
+        previous_ = &record;
     }
 
-    bool is_next_at(const dynstr *next, const char *text) const noexcept
+    void note_move(Stretch &stretch) noexcept
     {
-        return next == nullptr || (next->str == text && info_of(*next).lies_in(buffer_));
+        if (stretch.run != nullptr) {
+            moves_[stretch.moves++] = {stretch.run, static_cast<u32>(stretch.text - stretch.run), stretch.shift};
+        }
+    }
+
+    void pass_deleted(Stretch &stretch, dynstr &record, u32 size) noexcept
+    {
+        note_move(stretch);
+        stretch.run = nullptr;
+        stretch.shift += size;
+        released_[stretch.released++] = &record;
+    }
+
+    void pass_live(Stretch &stretch, dynstr &record) noexcept
+    {
+        if (stretch.run == nullptr) {
+            link(stretch.previous, record);
+            stretch.run = stretch.text;
+        }
+        record.str = stretch.text - stretch.shift;
+        stretch.previous = &record;
     }
 
     // Passes the records from this one on about which check() has nothing to say: their texts lie side by side, a zero
     // at the end of each, and no other there; that is told when they are passed. Answers the first one that it leaves.
     dynstr *pass_sound(dynstr *record) noexcept
     {
-        const char *const start = record->str;
-        const char *end = start;
-        u32 count = 0;
-        if (!is_in_buffer(*record, buffer_)) {
+        char *const start = record->str;
+        const u32 buffer = buffer_;
+        if (!is_in_buffer(*record, buffer) || (run_end_ != nullptr && run_end_ != start)) {
             return record;
         }
-        while (record != nullptr && count < kStretch) {
-            dynstr *const next = record->next;
-            const StringInfo info = info_of(*record);
+        Stretch stretch{.text = start, .run = run_end_, .previous = previous_, .shift = shift_};
+        StringInfo next_info = info_of(*record);
+        while (record != nullptr && stretch.count < kStretch) {
+            const StringInfo info = next_info;
             const u32 size = info.size();
-            if (size == 0 || end[size - 1] != '\0' || !is_next_at(next, end + size) ||
-                (info.is_deleted() && !ends_run_before(end))) {
+            char *const end = stretch.text + size;
+            if (size == 0 || end[-1] != '\0' || (info.is_deleted() && has_further_holders(*record))) {
                 break;
             }
-            end += size;
-            sizes_[count++] = size;
-            pass(*record, info);
+            dynstr *const next = record->next;
+            if (next != nullptr) {
+                next_info = info_of(*next);
+                if (next->str != end || !next_info.lies_in(buffer)) {
+                    break;
+                }
+            }
+            if (info.is_deleted()) {
+                pass_deleted(stretch, *record, size);
+            } else {
+                pass_live(stretch, *record);
+            }
+            sizes_[stretch.count++] = size;
+            stretch.text = end;
             record = next;
         }
-        if (is_traced(1) && count_zeros(start, end) != count) {
-            check_ends(start, count);
+        if (is_traced(1) && count_zeros(start, stretch.text) != stretch.count) {
+            check_ends(start, stretch.count);
         }
+        end_stretch(stretch);
         return record;
     }
 
@@ -236,20 +269,22 @@ class Compaction {
         }
     }
 
-    void end_stretch() noexcept
+    void end_stretch(Stretch stretch) noexcept
     {
-        if (run_ != nullptr) {
-            note_move();
-        }
-        for (u32 i = 0; i < move_count_; ++i) {
+        note_move(stretch);
+        run_end_ = stretch.run == nullptr ? nullptr : stretch.text;
+        previous_ = stretch.previous;
+        shift_ = stretch.shift;
+        for (u32 i = 0; i < stretch.moves; ++i) {
             move(moves_[i]);
         }
-        move_count_ = 0;
+        freed_records_ += stretch.released;
+        finish_releases(held_, records_, released_, stretch.released);
     }
 
     void end_list() noexcept
     {
-        if (run_ == nullptr) {
+        if (run_end_ == nullptr) {
             pool_.last[buffer_] = previous_;
             if (previous_ != nullptr) {
                 previous_->next = nullptr;
@@ -302,7 +337,6 @@ public:
             } else {
                 record = left;
             }
-            end_stretch();
         }
         end_list();
         settle_accounts();

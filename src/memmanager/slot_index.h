@@ -45,6 +45,18 @@ public:
         full_[2][group / kBits] &= all_but(group);
     }
 
+    // The same where many are cleared one after the other: each would wait for what the one before wrote to the few
+    // words above, most of which are as they should be.
+    void clear_one_of_many(u32 slot) noexcept
+    {
+        const u32 at = slot / kBits;
+        if (bits_[at] == kAll) {
+            clear(slot);
+        } else {
+            bits_[at] &= all_but(slot);
+        }
+    }
+
     // Marks a slot as used if it is free and nothing has to be noted above its word; false, and nothing has happened,
     // elsewhere.
     bool set_at_once(u32 slot) noexcept

@@ -160,19 +160,29 @@ unsigned char *highest_used_from(const PoolAid &aid, unsigned char *slot) noexce
 
 void finish_release(Held held, const PoolAid &aid, unsigned char *slot) noexcept
 {
-    if (finish_release_at_once(held, aid, slot)) [[likely]] {
-        return;
+    if (!finish_release_at_once(held, aid, slot)) [[unlikely]] {
+        void *const object = object_in(slot);
+        finish_releases(held, aid, &object, 1);
     }
+}
+
+void finish_releases(Held, const PoolAid &aid, void *const *objects, u32 count) noexcept
+{
     Pool &pool = *aid.pool;
-    add(pool.free_count, 1);
-    add(pool.cur_count, -1);
-    ObjectHeader{}.write_to(slot);
-    if (aid.index != nullptr) {
-        aid.index->clear(aid.number_of(slot));
+    unsigned char *first_free = pool.first_free;
+    for (u32 i = 0; i < count; ++i) {
+        unsigned char *const slot = slot_of(objects[i]);
+        ObjectHeader{}.write_to(slot);
+        first_free = std::min(first_free, slot);
+        if (aid.index != nullptr) {
+            aid.index->clear_one_of_many(aid.number_of(slot));
+        }
     }
-    store(pool.first_free, std::min(pool.first_free, slot));  // one is as likely as the other: no branch
-    if (slot == pool.last_used && slot > pool.slots) {
-        store(pool.last_used, highest_used_from(aid, slot));
+    add(pool.free_count, count);
+    add(pool.cur_count, -static_cast<int>(count));
+    store(pool.first_free, first_free);
+    if (is_free(aid, pool.last_used)) {
+        store(pool.last_used, highest_used_from(aid, pool.last_used));
     }
 }
 
