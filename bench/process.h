@@ -57,7 +57,6 @@ inline void start_library()
     if (memm_init(200, 32) != MEMM_OK) {
         give_up("the manager does not start");
     }
-    memm_set_trace(0);
     lock_settrace("", 0);
 }
 

@@ -1,5 +1,6 @@
 #include "dynstring/text_pool.h"
 
+#include "base/wide.h"
 #include "memmanager/slots.h"
 #include "memmanager/trace.h"
 
@@ -10,44 +11,6 @@
 namespace memm::strings {
 
 namespace {
-
-using Bytes [[gnu::vector_size(16)]] = unsigned char;
-
-// Subtracts 255, which is adding 1, where a byte is zero.
-void add_zeros(Bytes &sum, const char *from) noexcept
-{
-    Bytes bytes;
-    std::memcpy(&bytes, from, sizeof bytes);
-    sum -= reinterpret_cast<Bytes>(bytes == 0);
-}
-
-// Sixteen at a time; a byte of the sum counts up to 255 zeros.
-u32 count_zeros(const char *from, const char *end) noexcept
-{
-    constexpr std::ptrdiff_t kMost = 252;
-    constexpr std::ptrdiff_t kVector = sizeof(Bytes);
-    u32 zeros = 0;
-    while (end - from >= kVector) {
-        Bytes sum{};
-        std::ptrdiff_t vectors = std::min((end - from) / kVector, kMost);
-        for (; vectors >= 4; vectors -= 4, from += 4 * kVector) {
-            add_zeros(sum, from);
-            add_zeros(sum, from + kVector);
-            add_zeros(sum, from + 2 * kVector);
-            add_zeros(sum, from + 3 * kVector);
-        }
-        for (; vectors > 0; --vectors, from += kVector) {
-            add_zeros(sum, from);
-        }
-        for (unsigned i = 0; i < sizeof sum; ++i) {
-            zeros += sum[i];
-        }
-    }
-    for (; from < end; ++from) {
-        zeros += *from == '\0' ? 1 : 0;
-    }
-    return zeros;
-}
 
 void trace_finding(const char *text) noexcept
 {
@@ -86,12 +49,6 @@ class Compaction {
     char *end_;                // of the texts that are in their place
     u32 freed_records_ = 0;
 
-    struct Move {
-        char *from;
-        u32 length;
-        u32 down;
-    };
-
     // A stretch of records whose texts lie side by side, as far as it has been passed. Nobody else knows its address,
     // so that it lives in registers; what is left to do at its end waits in the arrays.
     struct Stretch {
@@ -125,19 +82,18 @@ class Compaction {
         check_end(record.str, size_of(record));
     }
 
-    // Most runs are short, and nobody foresees how short: copied as if all had the same length they need no call, and
-    // no branch that depends on theirs. What is copied too much ends where the run did before.
-    void move(const Move &move) noexcept
+    void put_in_place(const Move *moves, u32 count) noexcept
     {
-        constexpr u32 kShort = 208;
-        char *const to = move.from - move.down;
-        end_ = to + move.length;
-        const std::ptrdiff_t filled = used_end() - move.from;
-        if (move.length <= kShort && move.down >= kShort && filled >= std::ptrdiff_t{kShort}) [[likely]] {
-            std::memcpy(to, move.from, kShort);
-        } else {
-            std::memmove(to, move.from, move.length);
+        if (count > 0) {
+            move_down(moves, count, used_end());
+            end_ = moves[count - 1].new_end();
         }
+    }
+
+    void put_in_place(char *from, u32 length) noexcept
+    {
+        const Move move{from, length, shift_};
+        put_in_place(&move, 1);
     }
 
     void link(dynstr *previous, dynstr &record) noexcept
@@ -169,7 +125,7 @@ class Compaction {
         if (run_end_ != nullptr && run_end_ != text) {
             trace_finding("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.\r\n");
             if (run_end_ < text) {
-                move({run_end_, static_cast<u32>(text - run_end_), shift_});
+                put_in_place(run_end_, static_cast<u32>(text - run_end_));
             }
         }
         run_end_ = nullptr;
@@ -190,7 +146,7 @@ class Compaction {
             link(previous_, record);
             run_end_ = record.str;
         }
-        move({run_end_, size, shift_});
+        put_in_place(run_end_, size);
         run_end_ += size;
         record.str -= shift_;
         previous_ = &record;
@@ -221,20 +177,21 @@ class Compaction {
         stretch.previous = &record;
     }
 
-    // Passes the records from this one on about which check() has nothing to say: their texts lie side by side, a zero
-    // at the end of each, and no other there; that is told when they are passed. Answers the first one that it leaves.
+    // Passes the records from this one on about which check() has nothing to say: their texts, none of them long, lie
+    // side by side, a zero at the end of each, and no other there; that is told when they are passed. Answers the first
+    // one that it leaves.
     dynstr *pass_sound(dynstr *record) noexcept
     {
         char *const start = record->str;
         const u32 buffer = buffer_;
-        if (!is_in_buffer(*record, buffer) || (run_end_ != nullptr && run_end_ != start)) {
+        StringInfo next_info = info_of(*record);
+        if (start == nullptr || !next_info.lies_short_in(buffer) || (run_end_ != nullptr && run_end_ != start)) {
             return record;
         }
         Stretch stretch{.text = start, .run = run_end_, .previous = previous_, .shift = shift_};
-        StringInfo next_info = info_of(*record);
         while (record != nullptr && stretch.count < kStretch) {
             const StringInfo info = next_info;
-            const u32 size = info.size();
+            const u32 size = info.short_size();
             char *const end = stretch.text + size;
             if (size == 0 || end[-1] != '\0' || (info.is_deleted() && has_further_holders(*record))) {
                 break;
@@ -242,7 +199,7 @@ class Compaction {
             dynstr *const next = record->next;
             if (next != nullptr) {
                 next_info = info_of(*next);
-                if (next->str != end || !next_info.lies_in(buffer)) {
+                if (next->str != end || !next_info.lies_short_in(buffer)) {
                     break;
                 }
             }
@@ -255,7 +212,7 @@ class Compaction {
             stretch.text = end;
             record = next;
         }
-        if (is_traced(1) && count_zeros(start, stretch.text) != stretch.count) {
+        if (is_traced(1) && (!has_vectors() || count_zeros(start, stretch.text) != stretch.count)) {
             check_ends(start, stretch.count);
         }
         end_stretch(stretch);
@@ -275,9 +232,7 @@ class Compaction {
         run_end_ = stretch.run == nullptr ? nullptr : stretch.text;
         previous_ = stretch.previous;
         shift_ = stretch.shift;
-        for (u32 i = 0; i < stretch.moves; ++i) {
-            move(moves_[i]);
-        }
+        put_in_place(moves_, stretch.moves);
         freed_records_ += stretch.released;
         finish_releases(held_, records_, released_, stretch.released);
     }

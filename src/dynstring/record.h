@@ -49,6 +49,12 @@ public:
     constexpr bool is_plain_in(u32 buffer) const noexcept { return (word_ & kForm) == Buffer::put(0, buffer); }
     // Of a text.
     constexpr bool lies_in(u32 buffer) const noexcept { return (word_ & kPlace) == Buffer::put(0, buffer); }
+    // The same in the short form, and the size in that form.
+    constexpr bool lies_short_in(u32 buffer) const noexcept
+    {
+        return (word_ & (kPlace | Long::put(0, 1))) == Buffer::put(0, buffer);
+    }
+    constexpr u32 short_size() const noexcept { return ShortSize::get(word_); }
     constexpr u32 size() const noexcept { return is_long() ? LongSize::get(word_) : ShortSize::get(word_); }
     constexpr u32 max_size() const noexcept { return is_long() ? 0 : MaxSize::get(word_); }
 

@@ -1,5 +1,6 @@
 // The defaults of the platform operations.
 #include "base/format.h"
+#include "base/wide.h"
 #include "platform/probe.h"
 #include "support/pools.h"
 
@@ -162,5 +163,45 @@ TEST(words, are_read_and_written_where_that_harms_nobody)
             EXPECT_FALSE(memm::write_word(address, value) || memm::read_word(address, word)) << address;
         EXPECT_EQ(errno, 5);
         prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+    }
+}
+
+TEST(wide, counts_zeros_of_any_length_at_any_place)
+{
+    std::mt19937 random(1);
+    for (int round = 0; round < 2000; ++round) {
+        const std::size_t size = round % 50 == 0 ? 70'000 : round % 700;
+        std::vector<char> bytes(size);  // nothing is read around it: AddressSanitizer sees
+        const unsigned values = 1U << random() % 9;
+        for (char &byte : bytes)
+            byte = static_cast<char>(random() % values);
+        EXPECT_EQ(memm::count_zeros(bytes.data(), bytes.data() + size), std::count(bytes.begin(), bytes.end(), 0))
+            << size;
+    }
+}
+
+// As compactions use it: gaps between the pieces, each of which goes as far down as all gaps before it are wide.
+TEST(wide, pieces_arrive_whole_and_nothing_behind_the_last_one_changes)
+{
+    std::mt19937 random(1);
+    const auto below = [&random](unsigned limit) { return static_cast<unsigned>(random() % limit); };
+    for (int round = 0; round < 2000; ++round) {
+        std::string memory(below(4000) + 600, '.');
+        for (char &c : memory)
+            c = static_cast<char>(random());
+        const std::string before = memory;
+        std::vector<memm::Move> moves;
+        std::string wanted;
+        unsigned at = 0, down = 0;
+        for (unsigned gap = 1; at + gap + 400 < memory.size(); gap = below(below(8) == 0 ? 300 : 40) + 1) {
+            const unsigned length = below(below(8) == 0 ? 400 : 225);
+            moves.push_back({memory.data() + (at += gap), length, down += gap});
+            wanted += before.substr(at, length);
+            at += length;
+        }
+        memm::move_down(moves.data(), static_cast<unsigned>(moves.size()), memory.data() + memory.size());
+        EXPECT_EQ(memory.substr(0, wanted.size()), wanted);
+        EXPECT_EQ(memory.substr(at), before.substr(at));
+        EXPECT_EQ(moves.back().new_end(), memory.data() + wanted.size());
     }
 }
