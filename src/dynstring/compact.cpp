@@ -89,12 +89,7 @@ class Compaction {
             end_ = moves[count - 1].new_end();
         }
     }
-
-    void put_in_place(char *from, u32 length) noexcept
-    {
-        const Move move{from, length, shift_};
-        put_in_place(&move, 1);
-    }
+    void put_in_place(const Move &move) noexcept { put_in_place(&move, 1); }
 
     void link(dynstr *previous, dynstr &record) noexcept
     {
@@ -125,7 +120,7 @@ class Compaction {
         if (run_end_ != nullptr && run_end_ != text) {
             trace_finding("[DYNSTR] WARNING: loc_dynstr_gc fixed wrong stringsize.\r\n");
             if (run_end_ < text) {
-                put_in_place(run_end_, static_cast<u32>(text - run_end_));
+                put_in_place({run_end_, static_cast<u32>(text - run_end_), shift_});
             }
         }
         run_end_ = nullptr;
@@ -146,7 +141,7 @@ class Compaction {
             link(previous_, record);
             run_end_ = record.str;
         }
-        put_in_place(run_end_, size);
+        put_in_place({run_end_, size, shift_});
         run_end_ += size;
         record.str -= shift_;
         previous_ = &record;
