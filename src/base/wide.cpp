@@ -28,7 +28,7 @@ template <typename Bytes>
     sum -= reinterpret_cast<Bytes>(bytes == 0) & counted;
 }
 
-// A block's mask begins at any of the first bytes: `n` bytes further on it has ones for the last n bytes.
+// The mask that begins n bytes further on has ones for the last n bytes of a block.
 template <std::ptrdiff_t Block> struct Masks {
     unsigned char bytes[2 * Block] = {};
     constexpr Masks() noexcept { std::fill(bytes + Block, bytes + 2 * Block, static_cast<unsigned char>(255)); }
