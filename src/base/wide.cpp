@@ -95,8 +95,6 @@ template <typename Copy>
     }
 }
 
-using Vector [[gnu::vector_size(16)]] = unsigned char;
-
 #if defined(__x86_64__) || defined(__i386__)
 using WideVector [[gnu::vector_size(32)]] = unsigned char;
 
@@ -142,6 +140,17 @@ bool has_vectors() noexcept
 #endif
 }
 
+u32 count_zeros_narrow(const char *from, const char *end) noexcept
+{
+    using Vector [[gnu::vector_size(16)]] = unsigned char;
+    return count_zeros_by<Vector>(from, end);
+}
+
+void move_down_narrow(const Move *moves, u32 count, const char *end) noexcept
+{
+    move_down_by(moves, count, end, [](char *to, const char *from) { std::memcpy(to, from, kShort); });
+}
+
 u32 count_zeros(const char *from, const char *end) noexcept
 {
 #if defined(__x86_64__) || defined(__i386__)
@@ -149,7 +158,7 @@ u32 count_zeros(const char *from, const char *end) noexcept
         return count_zeros_wide(from, end);
     }
 #endif
-    return count_zeros_by<Vector>(from, end);
+    return count_zeros_narrow(from, end);
 }
 
 void move_down(const Move *moves, u32 count, const char *end) noexcept
@@ -160,7 +169,7 @@ void move_down(const Move *moves, u32 count, const char *end) noexcept
         return;
     }
 #endif
-    move_down_by(moves, count, end, [](char *to, const char *from) { std::memcpy(to, from, kShort); });
+    move_down_narrow(moves, count, end);
 }
 
 }  // namespace memm

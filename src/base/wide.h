@@ -24,4 +24,8 @@ struct Move {
 // between the new end of one and its old end may be overwritten.
 void move_down(const Move *moves, u32 count, const char *end) noexcept;
 
+// What both do where the processor has no wider vectors than the library is built for.
+u32 count_zeros_narrow(const char *from, const char *end) noexcept;
+void move_down_narrow(const Move *moves, u32 count, const char *end) noexcept;
+
 }  // namespace memm

@@ -175,8 +175,9 @@ TEST(wide, counts_zeros_of_any_length_at_any_place)
         const unsigned values = 1U << random() % 9;
         for (char &byte : bytes)
             byte = static_cast<char>(random() % values);
-        EXPECT_EQ(memm::count_zeros(bytes.data(), bytes.data() + size), std::count(bytes.begin(), bytes.end(), 0))
-            << size;
+        for (const auto count_zeros : {memm::count_zeros, memm::count_zeros_narrow})
+            EXPECT_EQ(count_zeros(bytes.data(), bytes.data() + size), std::count(bytes.begin(), bytes.end(), 0))
+                << size;
     }
 }
 
@@ -199,7 +200,8 @@ TEST(wide, pieces_arrive_whole_and_nothing_behind_the_last_one_changes)
             wanted += before.substr(at, length);
             at += length;
         }
-        memm::move_down(moves.data(), static_cast<unsigned>(moves.size()), memory.data() + memory.size());
+        const auto move_down = round % 2 == 0 ? memm::move_down : memm::move_down_narrow;
+        move_down(moves.data(), static_cast<unsigned>(moves.size()), memory.data() + memory.size());
         EXPECT_EQ(memory.substr(0, wanted.size()), wanted);
         EXPECT_EQ(memory.substr(at), before.substr(at));
         EXPECT_EQ(moves.back().new_end(), memory.data() + wanted.size());
