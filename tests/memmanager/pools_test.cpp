@@ -12,22 +12,6 @@ std::string failure_of(const char *pool, int count, unsigned size)
     return text("[MEMM] Failed to allocate %s buffer (cnt=%d, objsize=%u)\r\n", pool, count, size);
 }
 
-// Many, so that an index finds the slots, and too large to be zeroed in passing.
-TEST(large_objects, are_zeroed_each_time_and_leave_their_neighbours_alone)
-{
-    const unsigned pool = make_pool("", 300, 600);
-    std::vector<unsigned char *> objects(300);
-    for (int round = 0; round < 2; ++round) {
-        for (std::size_t i = 0; i < objects.size(); i += 1U + round) {
-            objects[i] = static_cast<unsigned char *>(memm_calloc(pool));
-            ASSERT_TRUE(objects[i] != nullptr && std::count(objects[i], objects[i] + 600, 0) == 600) << i;
-            std::memset(objects[i], 0xff, 600);
-        }
-        for (std::size_t i = 0; i < objects.size(); i += 2)
-            EXPECT_EQ(memm_isvalidobj(objects[i]) + memm_free(objects[i]), 1) << i;
-    }
-}
-
 TEST(pools, start_once_and_not_with_impossible_numbers)
 {
     EXPECT_EQ(memm_initpool("early", 2, 9, nullptr), -1);
