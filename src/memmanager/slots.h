@@ -180,7 +180,7 @@ bool pass_slot_elsewhere(const PoolAid &aid) noexcept;
 // The end of a release to which the object's owner has agreed: the slot becomes free.
 void finish_release(Held, const PoolAid &aid, unsigned char *slot) noexcept;
 
-// The same for many objects of a pool.
+// The same for many objects of the pool, and in whatever order they come.
 void finish_releases(Held, const PoolAid &aid, void *const *objects, u32 count) noexcept;
 
 // The same in the pool's words, where nothing has to be searched for it; false, and nothing has happened, elsewhere.
