@@ -6,14 +6,9 @@
 
 namespace memm::strings {
 
-dynstr *create(Held held, TextPool &pool, const Source &source, int offset, int length) noexcept
+[[gnu::noinline]] dynstr *create_at_length(Held held, TextPool &pool, Source source, int offset, int length) noexcept
 {
-    const PoolAid &aid = registry.aid(PoolId{pool.poolid});
-    void *object = take_slot_at_once(held, aid);
-    if (object == nullptr) {
-        object = allocate_without_gc(held, aid.id);
-    }
-    return create_with(held, object,
+    return create_with(held, allocate_without_gc(held, PoolId{pool.poolid}),
                        [&](dynstr &record) { return assign_first(held, pool, record, source, offset, length); });
 }
 

@@ -38,7 +38,8 @@ inline std::string_view short_part(const TextPool &pool, const Source &source, i
 }
 
 // The zero behind the text is there already, for free space is zero.
-inline void place_short(Held held, TextPool &pool, dynstr &record, std::string_view text) noexcept
+[[gnu::always_inline]] inline void place_short(Held held, TextPool &pool, dynstr &record,
+                                               std::string_view text) noexcept
 {
     record.str = pool.fill_position();
     std::memcpy(record.str, text.data(), text.size());
@@ -47,23 +48,37 @@ inline void place_short(Held held, TextPool &pool, dynstr &record, std::string_v
 
 // assign() for a record that is new and has no limit. Nothing has to be set aside, so the stand-by record is only
 // booked.
-[[gnu::always_inline]] inline Result assign_first(Held held, TextPool &pool, dynstr &record, const Source &source,
-                                                  int offset, int length) noexcept
+[[gnu::always_inline]] inline Result assign_short(Held held, TextPool &pool, dynstr &record,
+                                                  std::string_view text) noexcept
 {
-    const std::string_view part = short_part(pool, source, offset, length);
-    if (part.empty()) {
-        return assign(held, pool, record, source, offset, length);
-    }
     if (const PoolAid &aid = registry.aid(PoolId{pool.poolid}); !pass_slot(held, aid)) {
         report_depletion(held, *aid.pool);
         return Result::no_memory;
     }
-    place_short(held, pool, record, part);
+    place_short(held, pool, record, text);
     return Result::ok;
 }
 
+[[gnu::always_inline]] inline Result assign_first(Held held, TextPool &pool, dynstr &record, const Source &source,
+                                                  int offset, int length) noexcept
+{
+    const std::string_view part = short_part(pool, source, offset, length);
+    return part.empty() ? assign(held, pool, record, source, offset, length) : assign_short(held, pool, record, part);
+}
+
+dynstr *create_at_length(Held, TextPool &pool, Source source, int offset, int length) noexcept;
+
 // A new string made of a text, or null. The record may come from the pool's reserve.
-dynstr *create(Held, TextPool &pool, const Source &source, int offset, int length) noexcept;
+inline dynstr *create(Held held, TextPool &pool, const Source &source, int offset, int length) noexcept
+{
+    const std::string_view part = short_part(pool, source, offset, length);
+    void *const object = part.empty() ? nullptr : take_foreseen_slot(held, registry.aid(PoolId{pool.poolid}));
+    if (object == nullptr) {
+        return create_at_length(held, pool, source, offset, length);
+    }
+    *static_cast<dynstr *>(object) = {};
+    return create_with(held, object, [&](dynstr &record) { return assign_short(held, pool, record, part); });
+}
 
 // As dynstr_fromstring_nolock() and dynstr_fromsubdynstr_nolock(), messages included.
 dynstr *create_from_text(Held, PoolId id, const char *text) noexcept;

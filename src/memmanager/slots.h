@@ -94,17 +94,24 @@ struct Lowest {
     return Lowest{slot, number, steps};
 }
 
-// What is left when the slot is known, by which path, and no longer counts as free.
-[[gnu::always_inline]] inline void *hand_out(const PoolAid &aid, Pool &pool, unsigned char *slot,
-                                             unsigned path) noexcept
+// What is left when the slot is known, by which path, and no longer counts as free. The object is as it was left.
+[[gnu::always_inline]] inline void *hand_out_as_is(const PoolAid &aid, Pool &pool, unsigned char *slot,
+                                                   unsigned path) noexcept
 {
     store(pool.first_free, slot + pool.slot_size);
     add(pool.alloc_count[MEMM_PATH_TOTAL], 1);
     add(pool.alloc_count[path], 1);
     ObjectHeader{aid.id}.write_to(slot);
     note_taken(pool, slot);
-    zero_small(object_in(slot), aid.small_bytes);
     return object_in(slot);
+}
+
+[[gnu::always_inline]] inline void *hand_out(const PoolAid &aid, Pool &pool, unsigned char *slot,
+                                             unsigned path) noexcept
+{
+    void *const object = hand_out_as_is(aid, pool, slot, path);
+    zero_small(object, aid.small_bytes);
+    return object;
 }
 
 // A zeroed object where the first guess is right and nothing has to be called: most allocations. Null, and nothing has
@@ -139,6 +146,20 @@ struct Lowest {
     return hand_out(aid, pool, found->slot, found->path());
 }
 void *take_lowest_slot(Held, const PoolAid &aid) noexcept;
+
+// The same where pass_slot() has made sure that the first guess is right. The caller begins the object.
+[[gnu::always_inline]] inline void *take_foreseen_slot(Held, const PoolAid &aid) noexcept
+{
+    Pool &pool = *aid.pool;
+    unsigned char *const slot = pool.first_free;
+    if (!aid.is_ordinary || slot > pool.last_normal || !is_free(aid, slot)) [[unlikely]] {
+        return nullptr;
+    }
+    if (aid.index != nullptr && !aid.index->set_unforeseen(aid.number_of(slot))) [[unlikely]] {
+        return nullptr;
+    }
+    return hand_out_as_is(aid, pool, slot, MEMM_PATH_FIRST_FREE);
+}
 
 void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;
 
