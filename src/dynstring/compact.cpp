@@ -44,6 +44,7 @@ class Compaction {
     const PoolAid &records_;
     const u32 buffer_;
     dynstr *previous_;         // the last record that stays
+    Trail trail_;              // behind it
     u32 shift_ = 0;            // bytes of the deleted texts passed
     char *run_end_ = nullptr;  // where the run's next text ought to lie; null behind a deleted text
     char *end_;                // of the texts that are in their place
@@ -52,13 +53,16 @@ class Compaction {
     // A stretch of records whose texts lie side by side, as far as it has been passed. Nobody else knows its address,
     // so that it lives in registers; what is left to do at its end waits in the arrays.
     struct Stretch {
-        char *text;  // the next one
-        char *run;   // its first text in this stretch; null behind a deleted one
-        dynstr *previous;
-        u32 shift;
-        u32 count = 0;
-        u32 moves = 0;
-        u32 released = 0;
+        char *text;        // the next one
+        char *run;         // its first text in this stretch; null behind a deleted one
+        dynstr *previous;  // as it is behind the last run that has ended
+        Trail trail;
+        std::size_t shift;
+        Move *move;
+        void **released;
+        std::size_t count = 0;
+
+        u32 shift_bytes() const noexcept { return static_cast<u32>(shift); }
     };
     static constexpr u32 kStretch = 64;
     u32 sizes_[kStretch];
@@ -145,21 +149,24 @@ class Compaction {
         run_end_ += size;
         record.str -= shift_;
         previous_ = &record;
+        trail_.append(record);
     }
 
-    void note_move(Stretch &stretch) noexcept
+    // If there is one; `behind` it stands a deleted record, or one that is yet to be passed.
+    static void end_run(Stretch &stretch, const dynstr &behind) noexcept
     {
         if (stretch.run != nullptr) {
-            moves_[stretch.moves++] = {stretch.run, static_cast<u32>(stretch.text - stretch.run), stretch.shift};
+            *stretch.move++ = {stretch.run, static_cast<u32>(stretch.text - stretch.run), stretch.shift_bytes()};
+            stretch.previous = behind.prev;
         }
     }
 
     void pass_deleted(Stretch &stretch, dynstr &record, u32 size) noexcept
     {
-        note_move(stretch);
+        end_run(stretch, record);
         stretch.run = nullptr;
         stretch.shift += size;
-        released_[stretch.released++] = &record;
+        *stretch.released++ = &record;
     }
 
     void pass_live(Stretch &stretch, dynstr &record) noexcept
@@ -169,12 +176,12 @@ class Compaction {
             stretch.run = stretch.text;
         }
         record.str = stretch.text - stretch.shift;
-        stretch.previous = &record;
+        stretch.trail.append(record);
     }
 
     // Passes the records from this one on about which check() has nothing to say: their texts, none of them long, lie
     // side by side, a zero at the end of each, and no other there; that is told when they are passed. Answers the first
-    // one that it leaves.
+    // one that it leaves, which is the last of the list at the latest.
     dynstr *pass_sound(dynstr *record) noexcept
     {
         char *const start = record->str;
@@ -183,33 +190,44 @@ class Compaction {
         if (start == nullptr || !next_info.lies_short_in(buffer) || (run_end_ != nullptr && run_end_ != start)) {
             return record;
         }
-        Stretch stretch{.text = start, .run = run_end_, .previous = previous_, .shift = shift_};
-        while (record != nullptr && stretch.count < kStretch) {
+        Stretch stretch{.text = start,
+                        .run = run_end_,
+                        .previous = previous_,
+                        .trail = trail_,
+                        .shift = shift_,
+                        .move = moves_,
+                        .released = released_};
+        while (stretch.count < kStretch) {
             const StringInfo info = next_info;
             const u32 size = info.short_size();
             char *const end = stretch.text + size;
-            if (size == 0 || end[-1] != '\0' || (info.is_deleted() && has_further_holders(*record))) {
+            if (size == 0 || end[-1] != '\0') {
                 break;
             }
             dynstr *const next = record->next;
-            if (next != nullptr) {
-                next_info = info_of(*next);
-                if (next->str != end || !next_info.lies_short_in(buffer)) {
-                    break;
-                }
+            if (next == nullptr) {
+                break;
             }
-            if (info.is_deleted()) {
+            Ahead::fetch(*record);
+            next_info = info_of(*next);
+            if (next->str != end || !next_info.lies_short_in(buffer)) {
+                break;
+            }
+            if (!info.is_deleted()) {
+                pass_live(stretch, *record);
+            } else if (!has_further_holders(*record)) {
                 pass_deleted(stretch, *record, size);
             } else {
-                pass_live(stretch, *record);
+                break;
             }
             sizes_[stretch.count++] = size;
             stretch.text = end;
             record = next;
         }
         if (is_traced(1) && (!has_vectors() || count_zeros(start, stretch.text) != stretch.count)) {
-            check_ends(start, stretch.count);
+            check_ends(start, static_cast<u32>(stretch.count));
         }
+        end_run(stretch, *record);
         end_stretch(stretch);
         return record;
     }
@@ -223,13 +241,15 @@ class Compaction {
 
     void end_stretch(Stretch stretch) noexcept
     {
-        note_move(stretch);
         run_end_ = stretch.run == nullptr ? nullptr : stretch.text;
         previous_ = stretch.previous;
-        shift_ = stretch.shift;
-        put_in_place(moves_, stretch.moves);
-        freed_records_ += stretch.released;
-        finish_releases(held_, records_, released_, stretch.released);
+        trail_ = stretch.trail;
+        trail_.begin(previous_);
+        shift_ = stretch.shift_bytes();
+        put_in_place(moves_, static_cast<u32>(stretch.move - moves_));
+        const auto released = static_cast<u32>(stretch.released - released_);
+        freed_records_ += released;
+        finish_releases(held_, records_, released_, released);
     }
 
     void end_list() noexcept
@@ -307,6 +327,8 @@ void compact(Held held, TextPool &pool, Reason reason) noexcept
     ++pool.gccnt;
     store(pool.gcrequest, 0);
     pool.firstdel[buffer] = nullptr;
+    pool.trail = {};
+    pool.trail.begin(pool.last[buffer]);
 }
 
 }  // namespace memm::strings

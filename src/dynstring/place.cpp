@@ -29,6 +29,7 @@ bool Rewrite::set_aside_with_slot() noexcept
     }
     *before_ = record_;
     if (is_in_buffer(record_)) {
+        pool_.trail.replace(record_, *before_);
         const u32 buffer = info_of(record_).buffer();
         (record_.prev == nullptr ? pool_.first[buffer] : record_.prev->next) = before_;
         (record_.next == nullptr ? pool_.last[buffer] : record_.next->prev) = before_;

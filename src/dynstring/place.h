@@ -41,6 +41,7 @@ inline void commit(Held held, TextPool &pool, dynstr &record, StringInfo info) n
         (last == nullptr ? pool.first[buffer] : last->next) = &record;
         last = &record;
         ++pool.cnt[buffer];
+        pool.trail.append(record);
     }
     set_info(record, info.with_buffer(buffer));
     if (pool.cnt[buffer] > pool.balance_limit) [[unlikely]] {

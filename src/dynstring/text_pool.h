@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dynstring/ahead.h"
 #include "dynstring/record.h"
 #include "memmanager/pool.h"
 
@@ -32,8 +33,8 @@ struct TextPool {
     u32 curbuf;
     u32 bufsize;
     dynstr *spare;
-    u32 capacity;
     int *pcurcnt;
+    u32 capacity;
     int delcnt;  // the record pool's count_base
     u32 delbytes;
     u32 usedbytes;
@@ -41,6 +42,7 @@ struct TextPool {
     u32 flags;
     int gcrequest;  // the record pool's spare_flag
     u32 balance_limit;
+    [[no_unique_address]] Trail trail;  // of the current buffer's list; takes its place in a compaction
     char *buf[kMaxBuffers];
     dynstr *first[kMaxBuffers];
     dynstr *last[kMaxBuffers];

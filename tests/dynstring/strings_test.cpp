@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 
+using memm::strings::Ahead;
 using memm::strings::TextPool;
 
 const memm_pooloptions &hooks_of(unsigned pool) { return pool_at(pool).options; }
@@ -182,6 +183,31 @@ TEST(compaction, gives_back_the_records_of_a_large_pool_and_keeps_long_texts)
     for (std::size_t i = 0; i < 67 * (released.size() - 1); ++i)
         ASSERT_EQ(dynstr_getstring(strings[i]), text_of(i)) << i;
     EXPECT_EQ(dynstr_integrity_check(pool, 0), 1);
+}
+
+// What a record tells is only fetched, so nothing else would show that it is of no use.
+TEST(compaction, makes_each_record_tell_of_a_later_one)
+{
+    const unsigned pool = make_strings(10'000, 1, 600);
+    const TextPool &texts = *static_cast<TextPool *>(pool_at(pool).options.cookie);
+    std::vector<dynstr *> strings;
+    while (texts.room() >= 30)
+        strings.push_back(make(pool, "a text of twenty-eight bytes."));
+    for (std::size_t i = 0; i < strings.size(); i += 1 + i % 3)
+        memm_free(strings[i]);
+    make(pool, std::string(1'000, 'x'));
+    for (int i = 0; i < 20; ++i)
+        make(pool, "behind the compacted ones");
+    strings.clear();
+    for (dynstr *record = texts.first[0]; record != nullptr; record = record->next)
+        strings.push_back(record);
+    for (std::size_t i = 64; Ahead::kHasRoom && i < strings.size() - Ahead::kPlaces; ++i) {
+        std::int32_t distance;
+        std::memcpy(&distance, &strings[i]->info + 1, sizeof distance);
+        ASSERT_EQ(reinterpret_cast<char *>(strings[i]) + distance,
+                  reinterpret_cast<char *>(strings[i + Ahead::kPlaces]))
+            << i;
+    }
 }
 
 TEST(compaction, names_what_it_finds_wrong_and_goes_on)

@@ -330,6 +330,12 @@ public:
     {
         same(dynstr_integrity_check(id_, 0), 1, "integrity_check");
         same(figures(pool_at(id_)), figures(pool_at(twin_)), "descriptor");
+        if (const dynstr *const record = real_.trail.record(); record != nullptr) {
+            const auto &list = lists_[real_.curbuf];
+            const bool is_long = list.size() >= memm::strings::Ahead::kPlaces;
+            same(is_long ? handle(list.end()[-memm::strings::Ahead::kPlaces]) : nullptr, record, "trail");
+        }
+        texts_.trail = real_.trail;
         same(std::memcmp(&real_, &texts_, sizeof real_), 0, "control block");
         for (unsigned b = 0; b < texts_.bufcnt; ++b) {
             std::string bytes;
