@@ -50,11 +50,12 @@ template <bool HasRoom> class BasicTrail {
     dynstr *record_ = nullptr;
 
 public:
-    // Takes its place, where it has none yet and the list is long enough.
+    // Takes its place behind the last record of a list. A list that is too short has none.
     void begin(dynstr *last) noexcept
     {
-        for (int places = 1; record_ == nullptr && last != nullptr; ++places, last = last->prev) {
-            record_ = places == Ahead::kPlaces ? last : nullptr;
+        record_ = last;
+        for (int places = 1; record_ != nullptr && places < Ahead::kPlaces; ++places) {
+            record_ = record_->prev;
         }
     }
 
@@ -66,7 +67,7 @@ public:
         }
     }
 
-    // Null while it has no place.
+    // Null without a place.
     const dynstr *record() const noexcept { return record_; }
 
     // Another record takes the place of this one in the list.

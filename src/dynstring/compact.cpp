@@ -43,8 +43,8 @@ class Compaction {
     TextPool &pool_;
     const PoolAid &records_;
     const u32 buffer_;
-    dynstr *previous_;         // the last record that stays
-    Trail trail_;              // behind it
+    dynstr *previous_;  // the last record that stays
+    Trail trail_;
     u32 shift_ = 0;            // bytes of the deleted texts passed
     char *run_end_ = nullptr;  // where the run's next text ought to lie; null behind a deleted text
     char *end_;                // of the texts that are in their place
@@ -244,7 +244,9 @@ class Compaction {
         run_end_ = stretch.run == nullptr ? nullptr : stretch.text;
         previous_ = stretch.previous;
         trail_ = stretch.trail;
-        trail_.begin(previous_);
+        if (trail_.record() == nullptr) {
+            trail_.begin(previous_);
+        }
         shift_ = stretch.shift_bytes();
         put_in_place(moves_, static_cast<u32>(stretch.move - moves_));
         const auto released = static_cast<u32>(stretch.released - released_);
@@ -319,6 +321,7 @@ public:
 void compact(Held held, TextPool &pool, Reason reason) noexcept
 {
     const u32 buffer = (pool.curbuf + 1) % pool.bufcnt;
+    pool.trail = {};
     if (dynstr *const lowest = pool.firstdel[buffer]; lowest != nullptr) {
         Compaction(held, pool, buffer, *lowest).run(lowest);
     }
@@ -327,7 +330,6 @@ void compact(Held held, TextPool &pool, Reason reason) noexcept
     ++pool.gccnt;
     store(pool.gcrequest, 0);
     pool.firstdel[buffer] = nullptr;
-    pool.trail = {};
     pool.trail.begin(pool.last[buffer]);
 }
 
