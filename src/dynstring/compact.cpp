@@ -66,7 +66,7 @@ class Compaction {
     };
     static constexpr u32 kStretch = 64;
     u32 sizes_[kStretch];
-    Move moves_[kStretch + 1];
+    Move moves_[kStretch / 2 + 1];  // runs: the one that goes on, then those with a deleted text before them
     void *released_[kStretch];
 
     const char *used_end() const noexcept { return pool_.buf[buffer_] + pool_.used[buffer_]; }

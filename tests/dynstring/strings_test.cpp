@@ -164,6 +164,22 @@ struct Damaged {
     dynstr &one, &two;
 };
 
+// For good, whether the old text lies in a buffer or with the caller.
+TEST(an_append_that_finds_no_block, leaves_the_old_text_with_the_stand_by_record)
+{
+    const unsigned pool = make_strings(400, 1, 20);
+    dynstr *const own = make(pool, "own"), *const literal = dynstr_fromliteral(pool, "literal");
+    const std::string long_text(500, 'x');
+    for (dynstr *const d : {own, literal}) {
+        const int used = pool_at(pool).cur_count;
+        recorder().fail_nth(Op::getmem, 1);
+        EXPECT_EQ(dynstr_addstring(d, long_text.c_str()), unsigned{MEMM_E_NO_MEMORY});
+        EXPECT_EQ(std::exchange(fault, nullptr)(Op::getmem), 0);
+        EXPECT_STREQ(dynstr_getstring(d), "");
+        EXPECT_EQ(pool_at(pool).cur_count, used + 1);
+    }
+}
+
 // One record in each word of an index whose slots are all in use, and texts of the long form behind released ones.
 TEST(compaction, gives_back_the_records_of_a_large_pool_and_keeps_long_texts)
 {
@@ -193,11 +209,12 @@ TEST(compaction, makes_each_record_tell_of_a_later_one)
     std::vector<dynstr *> strings;
     while (texts.room() >= 30)
         strings.push_back(make(pool, "a text of twenty-eight bytes."));
-    for (std::size_t i = 0; i < strings.size(); i += 1 + i % 3)
+    for (std::size_t i = 0; i < strings.size(); i += 2)  // as many runs as there can be
         memm_free(strings[i]);
     make(pool, std::string(1'000, 'x'));
     for (int i = 0; i < 20; ++i)
         make(pool, "behind the compacted ones");
+    EXPECT_EQ(dynstr_integrity_check(pool, 0), 1);
     strings.clear();
     for (dynstr *record = texts.first[0]; record != nullptr; record = record->next)
         strings.push_back(record);
