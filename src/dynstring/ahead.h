@@ -45,6 +45,8 @@ private:
     static std::uintptr_t address(const dynstr &record) noexcept { return reinterpret_cast<std::uintptr_t>(&record); }
 };
 
+static_assert(Ahead::kHasRoom == (sizeof(void *) == 8));
+
 // Follows the end of a growing list, Ahead::kPlaces behind, and tells each record that it passes of the new last one.
 template <bool HasRoom> class BasicTrail {
     dynstr *record_ = nullptr;
