@@ -13,7 +13,7 @@ dynstr *make_record(Held held, int strpool, strings::TextPool *&pool) noexcept
 {
     const PoolId id{static_cast<u32>(strpool)};
     pool = strings::text_pool(id);
-    return pool == nullptr ? nullptr : static_cast<dynstr *>(allocate(held, id));
+    return pool == nullptr ? nullptr : static_cast<dynstr *>(strings::allocate_record(held, id));
 }
 
 // The item is what comes before a size of so many bytes is reached. Deliberate: that is a limit on the record, so where
@@ -106,7 +106,7 @@ Node *split_escaped(Held held, char *text, char separator, char escape, int pool
 // The first item of what is left of a string's text, in the same pool. Making its record may move the text.
 dynstr *make_part(Held held, strings::TextPool &pool, const dynstr &whole, int offset, int length) noexcept
 {
-    return strings::create_with(held, allocate(held, PoolId{pool.poolid}), [&](dynstr &item) {
+    return strings::create_with(held, strings::allocate_record(held, PoolId{pool.poolid}), [&](dynstr &item) {
         return strings::assign_first(held, pool, item, strings::whole_text(whole), offset, length);
     });
 }

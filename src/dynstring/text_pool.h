@@ -71,12 +71,12 @@ extern constinit PoolId control_pool;
 // Any cookie: whether it is the address of a control block.
 bool is_control_block(const void *cookie) noexcept;
 
-// The control block of a string pool; null for every other pool, whatever its cookie is. The cookie that the pool was
-// given at its creation is known to be one.
+// The control block of a string pool; null for every other pool, whatever its cookie is, and for one whose objects are
+// too small for a record. The cookie that the pool was given at its creation is known to be one.
 inline TextPool *text_pool_of(const PoolAid &aid) noexcept
 {
     void *const cookie = load(aid.pool->options.cookie);
-    if (cookie == nullptr) {
+    if (cookie == nullptr || aid.pool->slot_size < slot_bytes(sizeof(dynstr))) {
         return nullptr;
     }
     const bool known =
@@ -94,7 +94,7 @@ inline TextPool *text_pool(PoolId id) noexcept
 [[gnu::always_inline]] inline TextPool *owner_pool(const void *record) noexcept
 {
     const PoolAid *const aid = owner_of(record);
-    return aid != nullptr && aid->pool->slot_size >= slot_bytes(sizeof(dynstr)) ? text_pool_of(*aid) : nullptr;
+    return aid != nullptr ? text_pool_of(*aid) : nullptr;
 }
 
 // As dynstr_isdynstring(): a record of a string pool, not deleted.

@@ -94,8 +94,8 @@ struct Lowest {
     return Lowest{slot, number, steps};
 }
 
-// What is left when the slot is known, by which path, and no longer counts as free. The object is as it was left.
-[[gnu::always_inline]] inline void *hand_out_as_is(const PoolAid &aid, Pool &pool, unsigned char *slot,
+// What is left when the slot is known, by which path, and no longer counts as free: all but the object's bytes.
+[[gnu::always_inline]] inline void note_handed_out(const PoolAid &aid, Pool &pool, unsigned char *slot,
                                                    unsigned path) noexcept
 {
     store(pool.first_free, slot + pool.slot_size);
@@ -103,15 +103,14 @@ struct Lowest {
     add(pool.alloc_count[path], 1);
     ObjectHeader{aid.id}.write_to(slot);
     note_taken(pool, slot);
-    return object_in(slot);
 }
 
 [[gnu::always_inline]] inline void *hand_out(const PoolAid &aid, Pool &pool, unsigned char *slot,
                                              unsigned path) noexcept
 {
-    void *const object = hand_out_as_is(aid, pool, slot, path);
-    zero_small(object, aid.small_bytes);
-    return object;
+    note_handed_out(aid, pool, slot, path);
+    zero_small(object_in(slot), aid.small_bytes);
+    return object_in(slot);
 }
 
 // A zeroed object where the first guess is right and nothing has to be called: most allocations. Null, and nothing has
@@ -158,7 +157,8 @@ void *take_lowest_slot(Held, const PoolAid &aid) noexcept;
     if (aid.index != nullptr && !aid.index->set_unforeseen(aid.number_of(slot))) [[unlikely]] {
         return nullptr;
     }
-    return hand_out_as_is(aid, pool, slot, MEMM_PATH_FIRST_FREE);
+    note_handed_out(aid, pool, slot, MEMM_PATH_FIRST_FREE);
+    return object_in(slot);
 }
 
 void *take_slot_elsewhere(const PoolAid &aid, Reserve reserve) noexcept;

@@ -157,6 +157,11 @@ TEST(string_pools, refuse_what_is_not_theirs_and_what_finds_no_record)
     memm_set_trace(0);
     EXPECT_TRUE(dynstr_setstring(string, "n") + dynstr_reset(string) == 2 * MEMM_E_INVALID) << "it is released";
     EXPECT_EQ(hooks.release_cb(nullptr) == MEMM_E_INVALID ? recorder().take_trace() : "none", "");
+
+    const memm_pooloptions cookie_alone{.cookie = hooks.cookie};
+    const auto small = static_cast<unsigned>(memm_initpool("small", 4, sizeof(dynstr) / 2, &cookie_alone));
+    EXPECT_TRUE(dynstr_fromliteral(small, "text") == nullptr && dynstr_fromstring(small, "text") == nullptr)
+        << "no record fits";
 }
 
 struct Damaged {
