@@ -13,7 +13,7 @@ dynstr *make_record(Held held, int strpool, strings::TextPool *&pool) noexcept
 {
     const PoolId id{static_cast<u32>(strpool)};
     pool = strings::text_pool(id);
-    return pool == nullptr ? nullptr : static_cast<dynstr *>(strings::allocate_record(held, id));
+    return pool == nullptr ? nullptr : strings::allocate_record(held, id);
 }
 
 // The item is what comes before a size of so many bytes is reached. Deliberate: that is a limit on the record, so where

@@ -24,11 +24,11 @@ template <typename Fill> [[gnu::always_inline]] inline dynstr *create_with(Held 
     return static_cast<dynstr *>(record);
 }
 
-// As allocate(), with what is most often all of it in the caller.
-[[gnu::always_inline]] inline void *allocate_record(Held held, PoolId pool) noexcept
+// A record of a string pool by allocate(), with what is most often all of that in the caller.
+[[gnu::always_inline]] inline dynstr *allocate_record(Held held, PoolId pool) noexcept
 {
     void *const object = take_slot_at_once(held, registry.aid(pool));
-    return object != nullptr ? object : allocate(held, pool);
+    return static_cast<dynstr *>(object != nullptr ? object : allocate(held, pool));
 }
 
 // The part of the source that a new record is to hold, when that is a short text with room in the current buffer; else

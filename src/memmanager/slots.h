@@ -146,7 +146,8 @@ struct Lowest {
 }
 void *take_lowest_slot(Held, const PoolAid &aid) noexcept;
 
-// The same where pass_slot() has made sure that the first guess is right. The caller begins the object.
+// The same where pass_slot() has made sure that the first guess is right, and without a branch on whether that fills
+// its word of the index: in a nearly full pool it often does. The caller begins the object.
 [[gnu::always_inline]] inline void *take_foreseen_slot(Held, const PoolAid &aid) noexcept
 {
     Pool &pool = *aid.pool;
